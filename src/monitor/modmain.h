@@ -1,0 +1,90 @@
+#pragma once
+// modmain, the snapshot side: cheap probes of the two connection tables' row counts, and
+// full reads with owners into TcpConnections and UdpConnections when a count has changed.
+// No previous table is kept: a table has changed when its row count differs from the last
+// probe's, and for no other reason.
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "monitor/message_pump.h"
+#include "monitor/ui_port.h"
+#include "platform/platform.h"
+#include "process/modprocs.h"
+
+namespace tessmark {
+
+using MIB_TCPROW = platform::TcpRow;
+
+// One row of a snapshot. A UDP record has State "LISTEN", no remote side and a zero Row.
+struct ConnectionRecord {
+  std::string State;
+  std::string LocalAddress;
+  int32_t LocalPort = 0;
+  std::string RemoteAddress;
+  int32_t RemotePort = 0;
+  int32_t ProcessId = 0;
+  std::string ProcessPath;
+  int16_t AllRows = 0;
+  MIB_TCPROW Row;
+};
+
+// A snapshot array, index from 0. Empty means never allocated; an allocated one holds the
+// rows and one empty surplus record behind them.
+using ConnectionTable = std::vector<ConnectionRecord>;
+
+// The table's upper bound minus 1, so the index of its last row; -1 when unallocated.
+int32_t LastTableIndex(const ConnectionTable& table);
+
+// Dotted text of an address whose bytes lie in network order in memory.
+std::string GetIpFromLong(uint32_t address);
+
+// The port of a raw table value. The byte swap is done in floating point and rounds halves
+// to even, so ports from 32768 up may come out one higher; display, log and comparison all
+// see this number, while Row keeps the true value.
+int32_t GetTcpPortNumber(int32_t raw);
+
+// Text of a table state number; an unknown number reads "LISTEN".
+std::string GetState(int32_t state);
+
+class modmain {
+ public:
+  // The probe buffer holds 1001 rows. A larger table cannot be put into it, so the probe
+  // reads the buffer's zeroed count instead.
+  static constexpr uint32_t kProbeRows = 1001;
+
+  modmain(platform::Platform& system, modprocs& procs, MessagePump& pump, UiPort& ui)
+      : system_(system), procs_(procs), pump_(pump), ui_(ui) {}
+
+  // -1 when TcpConnections was replaced; 0 when the count was unchanged or the table could
+  // not be read. allRows false is the filtered mode, which no caller uses.
+  int16_t GetTCPConnections(int16_t allRows, int16_t force);
+  int16_t GetUDPConnections(int16_t allRows, int16_t force);
+
+  ConnectionTable TcpConnections;
+  ConnectionTable UdpConnections;
+  int16_t LastTcpCount = 0;
+  int16_t LastUdpCount = 0;
+
+  // The Internet lock: a poll that sees a change breaks every row instead of judging.
+  int16_t InternetLocked = 0;
+
+  // The table of connections held by alerts. An id is an index from 1; index 0 is unused.
+  // AlertCount only grows until the monitor's sweep finds no open alert. Empty arrays are
+  // erased ones.
+  int16_t AlertCount = 0;
+  std::vector<MIB_TCPROW> AlertRows;
+  std::vector<int32_t> AlertPids;
+
+ private:
+  // The probe's dwNumEntries as the fixed buffer would hold it.
+  static uint32_t probeCount(std::optional<uint32_t> rows);
+
+  platform::Platform& system_;
+  modprocs& procs_;
+  MessagePump& pump_;
+  UiPort& ui_;
+};
+
+}  // namespace tessmark

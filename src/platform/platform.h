@@ -1,0 +1,130 @@
+#pragma once
+// The operating system as the firewall sees it. The core reaches the machine only through
+// these interfaces; platform/linux is the real backend and platform/sim the simulated one.
+// Value types, no exceptions: a failure is a result.
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace tessmark::platform {
+
+// One TCP row exactly as the system's table gives it. Addresses are four bytes in network
+// order as they lie in memory; a port holds its two bytes in network order in the low 16 bits
+// (port 80 reads 0x5000 on a little-endian machine). The row is handed back unchanged to
+// delete it, so nothing here is ever converted.
+struct TcpRow {
+  uint32_t dwState = 0;  // 1 CLOSED, 2 LISTEN, 3 SYN_SENT, 4 SYN_RCVD, 5 ESTAB, ... 12 DELETE_TCB
+  uint32_t dwLocalAddr = 0;
+  uint32_t dwLocalPort = 0;
+  uint32_t dwRemoteAddr = 0;
+  uint32_t dwRemotePort = 0;
+  friend bool operator==(const TcpRow&, const TcpRow&) = default;
+};
+
+// A row of the extended TCP table: the row and the id of the process that owns the socket
+// (0 when no process can be named, as for a socket whose program has closed it).
+struct TcpOwnerRow {
+  TcpRow row;
+  uint32_t dwProcessId = 0;
+};
+
+// A row of the extended UDP table, raw as above.
+struct UdpOwnerRow {
+  uint32_t dwLocalAddr = 0;
+  uint32_t dwLocalPort = 0;
+  uint32_t dwProcessId = 0;
+};
+
+// The TCP and UDP connection tables of the IPv4 stack.
+class ConnectionTables {
+ public:
+  virtual ~ConnectionTables() = default;
+
+  // The number of rows the full table would have right now, at the lowest cost the system
+  // offers: this runs on every poll. nullopt when the count cannot be had.
+  virtual std::optional<uint32_t> tcpRowCount() = 0;
+  virtual std::optional<uint32_t> udpRowCount() = 0;
+
+  // The full tables with owner ids, in the system's order. Their rows are exactly what the
+  // counts above count. nullopt when the source failed.
+  virtual std::optional<std::vector<TcpOwnerRow>> tcpTable() = 0;
+  virtual std::optional<std::vector<UdpOwnerRow>> udpTable() = 0;
+
+  // Deletes the connection of this row (the delete-TCB effect): 0 on success, otherwise a
+  // system error number.
+  virtual uint32_t deleteTcpRow(const TcpRow& row) = 0;
+};
+
+struct ProcessEntry {
+  int32_t pid = 0;
+  std::string path;  // executable path as bytes, exactly as the system names it
+};
+
+// Process ids and their programs.
+class Processes {
+ public:
+  virtual ~Processes() = default;
+  // Every process whose executable this user may read, with its path. Processes out of reach
+  // (kernel threads, other users' daemons, processes gone meanwhile) are simply missing.
+  virtual std::vector<ProcessEntry> list() = 0;
+  virtual int32_t currentProcessId() = 0;
+};
+
+struct ThreadEntry {
+  uint32_t threadId = 0;
+  uint32_t ownerProcessId = 0;
+};
+
+// A handle to an opened process; 0 is no handle.
+using ProcessHandle = int64_t;
+
+// Threads, their suspension, and ending a process.
+class Threads {
+ public:
+  virtual ~Threads() = default;
+
+  // A snapshot of threads that holds at least every thread of `pid` and may hold threads of
+  // other processes too; callers pick by owner. nullopt when no snapshot can be taken.
+  virtual std::optional<std::vector<ThreadEntry>> snapshot(int32_t pid) = 0;
+
+  // Raise or lower one thread's suspension count. The result is the count before the call,
+  // or -1 when the thread cannot be reached. A thread runs only while its count is 0.
+  virtual int32_t suspendThread(uint32_t threadId) = 0;
+  virtual int32_t resumeThread(uint32_t threadId) = 0;
+
+  // The steps of ending a process. Each failure sets lastError().
+  virtual ProcessHandle openProcess(int32_t pid) = 0;
+  virtual bool exitCode(ProcessHandle handle, uint32_t& code) = 0;
+  virtual bool terminateProcess(ProcessHandle handle, uint32_t exitCode) = 0;
+  virtual bool closeHandle(ProcessHandle handle) = 0;
+  virtual uint32_t lastError() = 0;
+
+  // Lifts every suspension this backend holds. The exit paths call it so that no program
+  // stays frozen after the firewall has gone.
+  virtual void releaseAllHolds() = 0;
+};
+
+// The exit code a running process reports.
+inline constexpr uint32_t kStillActive = 259;
+
+class Clock {
+ public:
+  virtual ~Clock() = default;
+  // Milliseconds since some fixed start, wrapping at 2^32.
+  virtual uint32_t tickCount() = 0;
+  virtual void sleep(uint32_t milliseconds) = 0;
+};
+
+// One machine: the backend bundle the core is built on.
+class Platform {
+ public:
+  virtual ~Platform() = default;
+  virtual ConnectionTables& tables() = 0;
+  virtual Processes& processes() = 0;
+  virtual Threads& threads() = 0;
+  virtual Clock& clock() = 0;
+};
+
+}  // namespace tessmark::platform
