@@ -9,6 +9,8 @@ namespace tessmark {
 inline constexpr int16_t kTrue = -1;
 inline constexpr int16_t kFalse = 0;
 
-inline constexpr bool isExactlyTrue(int16_t value) { return value == kTrue; }
+inline constexpr bool isExactlyTrue(int16_t value) {
+  return value == kTrue;
+}
 
 }  // namespace tessmark

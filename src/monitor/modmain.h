@@ -5,11 +5,11 @@
 // probe's, and for no other reason.
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "monitor/message_pump.h"
-#include "monitor/ui_port.h"
 #include "platform/platform.h"
 #include "process/modprocs.h"
 
@@ -54,8 +54,8 @@ class modmain {
   // reads the buffer's zeroed count instead.
   static constexpr uint32_t kProbeRows = 1001;
 
-  modmain(platform::Platform& system, modprocs& procs, MessagePump& pump, UiPort& ui)
-      : system_(system), procs_(procs), pump_(pump), ui_(ui) {}
+  modmain(platform::Platform& system, modprocs& procs, MessagePump& pump)
+      : system_(system), procs_(procs), pump_(pump) {}
 
   // -1 when TcpConnections was replaced; 0 when the count was unchanged or the table could
   // not be read. allRows false is the filtered mode, which no caller uses.
@@ -84,7 +84,6 @@ class modmain {
   platform::Platform& system_;
   modprocs& procs_;
   MessagePump& pump_;
-  UiPort& ui_;
 };
 
 }  // namespace tessmark

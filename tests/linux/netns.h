@@ -17,9 +17,9 @@ std::string PeerPath(const std::string& name);
 
 }  // namespace tessmark::testing
 
-#define TESSMARK_REQUIRE_PRIVATE_NETNS()                                                    \
-  do {                                                                                      \
-    if (!::tessmark::testing::NamespaceUnavailableReason().empty())                         \
-      GTEST_SKIP() << "no private network namespace: "                                      \
-                   << ::tessmark::testing::NamespaceUnavailableReason();                    \
+#define TESSMARK_REQUIRE_PRIVATE_NETNS()                                 \
+  do {                                                                   \
+    if (!::tessmark::testing::NamespaceUnavailableReason().empty())      \
+      GTEST_SKIP() << "no private network namespace: "                   \
+                   << ::tessmark::testing::NamespaceUnavailableReason(); \
   } while (0)

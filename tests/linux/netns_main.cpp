@@ -12,9 +12,13 @@ namespace tessmark::testing {
 
 static std::string g_reason = "not tried";
 
-const std::string& NamespaceUnavailableReason() { return g_reason; }
+const std::string& NamespaceUnavailableReason() {
+  return g_reason;
+}
 
-std::string PeerPath(const std::string& name) { return std::string(TESSMARK_PEER_DIR) + "/" + name; }
+std::string PeerPath(const std::string& name) {
+  return std::string(TESSMARK_PEER_DIR) + "/" + name;
+}
 
 }  // namespace tessmark::testing
 

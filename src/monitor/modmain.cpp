@@ -1,0 +1,135 @@
+#include "monitor/modmain.h"
+
+#include <array>
+#include <cmath>
+#include <cstring>
+
+#include "monitor/booleans.h"
+
+namespace tessmark {
+
+int32_t LastTableIndex(const ConnectionTable& table) {
+  // Upper bound minus 1: the surplus record behind the rows is never walked.
+  return table.empty() ? -1 : static_cast<int32_t>(table.size()) - 2;
+}
+
+std::string GetIpFromLong(uint32_t address) {
+  std::array<unsigned char, 4> bytes;
+  std::memcpy(bytes.data(), &address, bytes.size());
+  return std::to_string(bytes[0]) + "." + std::to_string(bytes[1]) + "." +
+         std::to_string(bytes[2]) + "." + std::to_string(bytes[3]);
+}
+
+int32_t GetTcpPortNumber(int32_t raw) {
+  // The swap of the two port bytes is done in floating point: the high byte lands in the
+  // fraction, and the nearest integer (halves to even) lifts ports from 32768 up.
+  double low = static_cast<double>((raw % 256) * 256);
+  double value = low + static_cast<double>(raw) / 256.0;
+  return static_cast<int32_t>(std::nearbyint(value));
+}
+
+std::string GetState(int32_t state) {
+  static const std::array<const char*, 12> kStates = {
+      "CLOSED",    "LISTEN",     "SYN_SENT", "SYN_RCVD", "ESTAB",     "FIN_WAIT1",
+      "FIN_WAIT2", "CLOSE_WAIT", "CLOSING",  "LAST_ACK", "TIME_WAIT", "DELETE_TCB"};
+  if (state < 1 || state > static_cast<int32_t>(kStates.size())) return "LISTEN";
+  return kStates[state - 1];
+}
+
+uint32_t modmain::probeCount(std::optional<uint32_t> rows) {
+  // The buffer is zeroed before the call; a table larger than the buffer leaves it so, and a
+  // failed call is not examined either.
+  if (!rows || *rows > kProbeRows) return 0;
+  return *rows;
+}
+
+namespace {
+
+// The probe step shared by both tables: true when the count changed. The stored count keeps
+// the low 16 bits, so a count above 32767 never compares equal again.
+bool countChanged(uint32_t dwNumEntries, int16_t& lastCount) {
+  bool equal = static_cast<int32_t>(dwNumEntries) == static_cast<int32_t>(lastCount);
+  lastCount = static_cast<int16_t>(dwNumEntries);
+  return !equal;
+}
+
+// Where a row goes in the local array. Unfiltered, row i is record i of an array sized to
+// count + 1 up front. Filtered, the index is LastTableIndex + 1, which is the current upper
+// bound: every kept row lands on record 0 and overwrites the one before.
+ConnectionRecord& slotFor(ConnectionTable& local, uint32_t i, bool allRows) {
+  if (allRows) return local[i];
+  size_t index = static_cast<size_t>(LastTableIndex(local) + 1);
+  local.resize(index + 1);
+  return local[index];
+}
+
+bool isFilteredOut(uint32_t localAddr) {
+  std::string text = GetIpFromLong(localAddr);
+  return text == "0.0.0.0" || text == "127.0.0.1";
+}
+
+}  // namespace
+
+int16_t modmain::GetTCPConnections(int16_t allRows, int16_t force) {
+  if (force == kFalse && !countChanged(probeCount(system_.tables().tcpRowCount()), LastTcpCount)) {
+    return kFalse;
+  }
+  auto block = system_.tables().tcpTable();
+  if (!block) return kFalse;
+  uint32_t count = static_cast<uint32_t>(block->size());
+  // The only rebuild of the process table, so owner paths are as fresh as this snapshot.
+  procs_.LoadProcessTable(-1);
+
+  bool unfiltered = allRows != kFalse;
+  ConnectionTable local;
+  if (unfiltered) local.resize(count + 1);
+  for (uint32_t i = 0; i < count; ++i) {
+    CooperativeYield(pump_);
+    const platform::TcpOwnerRow& row = (*block)[i];
+    if (!unfiltered && isFilteredOut(row.row.dwLocalAddr)) continue;
+    ConnectionRecord& record = slotFor(local, i, unfiltered);
+    record.LocalPort = GetTcpPortNumber(static_cast<int32_t>(row.row.dwLocalPort));
+    record.ProcessId = static_cast<int32_t>(row.dwProcessId);
+    record.ProcessPath = procs_.ProcessPathFromId(record.ProcessId);
+    record.RemotePort = GetTcpPortNumber(static_cast<int32_t>(row.row.dwRemotePort));
+    record.LocalAddress = GetIpFromLong(row.row.dwLocalAddr);
+    record.RemoteAddress = GetIpFromLong(row.row.dwRemoteAddr);
+    record.State = GetState(static_cast<int32_t>(row.row.dwState));
+    record.AllRows = unfiltered ? kTrue : kFalse;
+    record.Row = row.row;
+  }
+  // Built whole in private and put in place in one step: a handler that ran during a yield
+  // saw the old table complete.
+  TcpConnections = std::move(local);
+  return kTrue;
+}
+
+int16_t modmain::GetUDPConnections(int16_t allRows, int16_t force) {
+  if (force == kFalse && !countChanged(probeCount(system_.tables().udpRowCount()), LastUdpCount)) {
+    return kFalse;
+  }
+  auto block = system_.tables().udpTable();
+  if (!block) return kFalse;
+  uint32_t count = static_cast<uint32_t>(block->size());
+  // No process table rebuild here: UDP owners are named from what the last TCP snapshot
+  // left, so a program started after it has an empty path until the next TCP change.
+  bool unfiltered = allRows != kFalse;
+  ConnectionTable local;
+  if (unfiltered) local.resize(count + 1);
+  for (uint32_t i = 0; i < count; ++i) {
+    CooperativeYield(pump_);
+    const platform::UdpOwnerRow& row = (*block)[i];
+    if (!unfiltered && isFilteredOut(row.dwLocalAddr)) continue;
+    ConnectionRecord& record = slotFor(local, i, unfiltered);
+    record.LocalPort = GetTcpPortNumber(static_cast<int32_t>(row.dwLocalPort));
+    record.ProcessId = static_cast<int32_t>(row.dwProcessId);
+    record.ProcessPath = procs_.ProcessPathFromId(record.ProcessId);
+    record.LocalAddress = GetIpFromLong(row.dwLocalAddr);
+    record.State = "LISTEN";
+    record.AllRows = kFalse;
+  }
+  UdpConnections = std::move(local);
+  return kTrue;
+}
+
+}  // namespace tessmark

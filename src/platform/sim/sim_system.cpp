@@ -1,0 +1,210 @@
+#include "platform/sim/sim_system.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <sstream>
+
+namespace tessmark::platform::sim {
+
+namespace {
+// The system's error numbers that the simulated calls report.
+constexpr uint32_t kErrorInvalidHandle = 6;
+constexpr uint32_t kErrorInvalidParameter = 87;
+constexpr uint32_t kErrorAccessDenied = 5;
+constexpr uint32_t kErrorNotFound = 1168;
+}  // namespace
+
+uint32_t RawAddress(const std::string& dotted) {
+  std::array<unsigned char, 4> bytes{};
+  std::istringstream in(dotted);
+  for (auto& byte : bytes) {
+    int part = 0;
+    in >> part;
+    in.ignore(1);
+    byte = static_cast<unsigned char>(part);
+  }
+  uint32_t raw = 0;
+  std::memcpy(&raw, bytes.data(), bytes.size());
+  return raw;
+}
+
+uint32_t RawPort(uint16_t port) {
+  std::array<unsigned char, 2> bytes{static_cast<unsigned char>(port >> 8),
+                                     static_cast<unsigned char>(port & 0xFF)};
+  uint16_t raw = 0;
+  std::memcpy(&raw, bytes.data(), bytes.size());
+  return raw;
+}
+
+TcpOwnerRow MakeTcpRow(uint32_t state, const std::string& localAddress, uint16_t localPort,
+                       const std::string& remoteAddress, uint16_t remotePort, uint32_t pid) {
+  return {{state, RawAddress(localAddress), RawPort(localPort), RawAddress(remoteAddress),
+           RawPort(remotePort)},
+          pid};
+}
+
+UdpOwnerRow MakeUdpRow(const std::string& localAddress, uint16_t localPort, uint32_t pid) {
+  return {RawAddress(localAddress), RawPort(localPort), pid};
+}
+
+SimSystem::SimSystem() {
+  addProcess(ownPid, "/opt/tessmark/tessmark-firewall", 2);
+}
+
+SimProcess& SimSystem::addProcess(int32_t pid, const std::string& path, int threadCount) {
+  SimProcess process;
+  process.path = path;
+  for (int t = 1; t <= threadCount; ++t) process.threads.push_back(pid * 10 + t);
+  return processTable[pid] = process;
+}
+
+bool SimSystem::isFrozen(int32_t pid) const {
+  return suspensionDepth(pid) > 0;
+}
+
+int32_t SimSystem::suspensionDepth(int32_t pid) const {
+  auto it = processTable.find(pid);
+  if (it == processTable.end()) return 0;
+  int32_t depth = 0;
+  for (uint32_t tid : it->second.threads) {
+    auto count = suspendCounts.find(tid);
+    if (count != suspendCounts.end()) depth = std::max(depth, count->second);
+  }
+  return depth;
+}
+
+std::optional<uint32_t> SimSystem::tcpRowCount() {
+  ++calls.tcpProbes;
+  return static_cast<uint32_t>(tcpRows.size());
+}
+
+std::optional<uint32_t> SimSystem::udpRowCount() {
+  ++calls.udpProbes;
+  return static_cast<uint32_t>(udpRows.size());
+}
+
+std::optional<std::vector<TcpOwnerRow>> SimSystem::tcpTable() {
+  ++calls.tcpTableReads;
+  if (tcpTableFails) return std::nullopt;
+  return tcpRows;
+}
+
+std::optional<std::vector<UdpOwnerRow>> SimSystem::udpTable() {
+  ++calls.udpTableReads;
+  if (udpTableFails) return std::nullopt;
+  return udpRows;
+}
+
+uint32_t SimSystem::deleteTcpRow(const TcpRow& row) {
+  auto it = std::find_if(tcpRows.begin(), tcpRows.end(), [&](const TcpOwnerRow& r) {
+    TcpRow key = r.row;
+    key.dwState = row.dwState;  // the state in the request is not part of the match
+    return key == row;
+  });
+  if (it == tcpRows.end()) return kErrorNotFound;
+  deletedRows.push_back(row);
+  tcpRows.erase(it);
+  return 0;
+}
+
+std::vector<ProcessEntry> SimSystem::list() {
+  ++calls.processListings;
+  std::vector<ProcessEntry> entries;
+  for (const auto& [pid, process] : processTable) {
+    if (process.alive && process.openable) entries.push_back({pid, process.path});
+  }
+  return entries;
+}
+
+SimProcess* SimSystem::liveProcess(int32_t pid) {
+  auto it = processTable.find(pid);
+  return it != processTable.end() && it->second.alive ? &it->second : nullptr;
+}
+
+bool SimSystem::threadExists(uint32_t threadId) const {
+  for (const auto& [pid, process] : processTable) {
+    if (process.alive && std::find(process.threads.begin(), process.threads.end(), threadId) !=
+                             process.threads.end())
+      return true;
+  }
+  return false;
+}
+
+bool SimSystem::fail(uint32_t error) {
+  lastError_ = error;
+  return false;
+}
+
+std::optional<std::vector<ThreadEntry>> SimSystem::snapshot(int32_t pid) {
+  ++calls.threadSnapshots;
+  if (threadSnapshotFails) return std::nullopt;
+  std::vector<ThreadEntry> entries = leadingThreads;
+  for (const auto& [owner, process] : processTable) {
+    if (!process.alive) continue;
+    for (uint32_t tid : process.threads) entries.push_back({tid, static_cast<uint32_t>(owner)});
+  }
+  (void)pid;  // the simulated snapshot holds every thread, as a system-wide one does
+  return entries;
+}
+
+int32_t SimSystem::suspendThread(uint32_t threadId) {
+  suspendedThreadLog.push_back(threadId);
+  if (!threadExists(threadId)) {
+    lastError_ = kErrorInvalidHandle;
+    return -1;
+  }
+  return suspendCounts[threadId]++;
+}
+
+int32_t SimSystem::resumeThread(uint32_t threadId) {
+  resumedThreadLog.push_back(threadId);
+  if (!threadExists(threadId)) {
+    lastError_ = kErrorInvalidHandle;
+    return -1;
+  }
+  int32_t& count = suspendCounts[threadId];
+  int32_t before = count;
+  if (count > 0) --count;
+  return before;
+}
+
+ProcessHandle SimSystem::openProcess(int32_t pid) {
+  SimProcess* process = liveProcess(pid);
+  if (!process || !process->openable) {
+    lastError_ = process ? kErrorAccessDenied : kErrorInvalidParameter;
+    return 0;
+  }
+  handles_[nextHandle_] = pid;
+  return nextHandle_++;
+}
+
+bool SimSystem::exitCode(ProcessHandle handle, uint32_t& code) {
+  auto it = handles_.find(handle);
+  if (it == handles_.end()) return fail(kErrorInvalidHandle);
+  code = liveProcess(it->second) ? kStillActive : 0;
+  return true;
+}
+
+bool SimSystem::terminateProcess(ProcessHandle handle, uint32_t) {
+  auto it = handles_.find(handle);
+  if (it == handles_.end()) return fail(kErrorInvalidHandle);
+  SimProcess* process = liveProcess(it->second);
+  if (!process) return fail(kErrorAccessDenied);
+  process->alive = false;
+  for (uint32_t tid : process->threads) suspendCounts.erase(tid);
+  killedPids.push_back(it->second);
+  return true;
+}
+
+bool SimSystem::closeHandle(ProcessHandle handle) {
+  if (handles_.erase(handle) == 0) return fail(kErrorInvalidHandle);
+  return true;
+}
+
+void SimSystem::releaseAllHolds() {
+  ++releaseAllHoldsCalls;
+  suspendCounts.clear();
+}
+
+}  // namespace tessmark::platform::sim
