@@ -1,0 +1,136 @@
+#pragma once
+// A thread_peer started as a child of the test. It gets SIGKILL when the test process ends
+// (so a frozen peer never outlives a crashed test) and is killed and reaped when this object
+// goes, unless the test reaped it itself.
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <optional>
+#include <string>
+#include <thread>
+
+#include "linux/netns.h"
+#include "platform/linux/process_stat.h"
+
+namespace tessmark::testing {
+
+class ThreadPeerChild {
+ public:
+  ThreadPeerChild(int threads, bool busy) {
+    std::string program = PeerPath("thread_peer");
+    std::string count = std::to_string(threads);
+    std::string mode = busy ? "busy" : "sleep";
+    char* argv[] = {program.data(), count.data(), mode.data(), nullptr};
+    int in[2], out[2];
+    if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) {
+      error_ = "pipe failed";
+      return;
+    }
+    pid_t parent = getpid();
+    pid_ = fork();
+    if (pid_ == 0) {
+      // Only async-signal-safe calls until exec: the test process may have threads.
+      dup2(in[0], STDIN_FILENO);
+      dup2(out[1], STDOUT_FILENO);
+      prctl(PR_SET_PDEATHSIG, SIGKILL);
+      if (getppid() != parent) _exit(126);
+      execv(argv[0], argv);
+      _exit(127);
+    }
+    close(in[0]);
+    close(out[1]);
+    stdin_ = in[1];
+    if (pid_ < 0) {
+      close(out[0]);
+      error_ = "fork failed";
+      return;
+    }
+    readReady(out[0]);
+    close(out[0]);
+  }
+
+  ~ThreadPeerChild() {
+    if (stdin_ >= 0) close(stdin_);
+    if (pid_ > 0 && !reaped_) {
+      kill(pid_, SIGKILL);
+      waitpid(pid_, nullptr, 0);
+    }
+  }
+
+  ThreadPeerChild(const ThreadPeerChild&) = delete;
+  ThreadPeerChild& operator=(const ThreadPeerChild&) = delete;
+
+  pid_t pid() const { return pid_; }
+  // Empty when the peer runs and said it is ready.
+  const std::string& error() const { return error_; }
+
+  // The state letter of the whole process, '?' when it cannot be read.
+  char state() const {
+    auto stat = platform::linux_backend::ReadProcessStat(pid_);
+    return stat ? stat->state : '?';
+  }
+  uint64_t startTime() const {
+    auto stat = platform::linux_backend::ReadProcessStat(pid_);
+    return stat ? stat->startTime : 0;
+  }
+
+  // Waits (bounded) until the state letter is `letter` (want true) or is not (want false).
+  bool waitForState(char letter, bool want,
+                    std::chrono::milliseconds limit = std::chrono::seconds(5)) const {
+    auto deadline = std::chrono::steady_clock::now() + limit;
+    for (;;) {
+      if ((state() == letter) == want) return true;
+      if (std::chrono::steady_clock::now() >= deadline) return false;
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+  }
+
+  // Reaps the peer (bounded wait); its wait status, nullopt if it did not end in time.
+  std::optional<int> reap(std::chrono::milliseconds limit = std::chrono::seconds(5)) {
+    auto deadline = std::chrono::steady_clock::now() + limit;
+    for (;;) {
+      int status = 0;
+      pid_t got = waitpid(pid_, &status, WNOHANG);
+      if (got == pid_) {
+        reaped_ = true;
+        return status;
+      }
+      if (got < 0 || std::chrono::steady_clock::now() >= deadline) return std::nullopt;
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+  }
+
+ private:
+  void readReady(int fd) {
+    std::string line;
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (line.find('\n') == std::string::npos) {
+      auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+          deadline - std::chrono::steady_clock::now());
+      pollfd p{fd, POLLIN, 0};
+      char buf[64];
+      ssize_t n = 0;
+      if (left.count() <= 0 || poll(&p, 1, static_cast<int>(left.count())) != 1 ||
+          (n = read(fd, buf, sizeof buf)) <= 0) {
+        error_ = "thread_peer did not report ready: " + line;
+        return;
+      }
+      line.append(buf, static_cast<size_t>(n));
+    }
+    if (line != "ready " + std::to_string(pid_) + "\n") error_ = "unexpected line: " + line;
+  }
+
+  pid_t pid_ = -1;
+  int stdin_ = -1;
+  bool reaped_ = false;
+  std::string error_;
+};
+
+}  // namespace tessmark::testing
