@@ -1,0 +1,32 @@
+#pragma once
+// The real Linux machine as one backend bundle.
+
+#include <string>
+
+#include "platform/linux/linux_clock.h"
+#include "platform/linux/linux_processes.h"
+#include "platform/linux/linux_tables.h"
+#include "platform/linux/linux_threads.h"
+#include "platform/platform.h"
+
+namespace tessmark::platform::linux_backend {
+
+class LinuxPlatform final : public Platform {
+ public:
+  // holdLedgerPath: where the pids held frozen are noted, so that a later start can let go
+  // of programs that a crash left stopped. Empty: no ledger.
+  explicit LinuxPlatform(std::string holdLedgerPath = {}) : threads_(std::move(holdLedgerPath)) {}
+
+  ConnectionTables& tables() override { return tables_; }
+  Processes& processes() override { return processes_; }
+  Threads& threads() override { return threads_; }
+  Clock& clock() override { return clock_; }
+
+ private:
+  LinuxConnectionTables tables_;
+  LinuxProcesses processes_;
+  LinuxThreads threads_;
+  LinuxClock clock_;
+};
+
+}  // namespace tessmark::platform::linux_backend
