@@ -1,0 +1,51 @@
+#pragma once
+// The connection tables of the IPv4 stack on Linux.
+//
+// The probe count comes from /proc/net/sockstat, so the tables are defined as exactly what it
+// counts:
+//   TCP: IPv4 sockets in the listening and established hashes: LISTEN, SYN_SENT,
+//        ESTABLISHED, FIN_WAIT1/2, CLOSE_WAIT, LAST_ACK, CLOSING, orphaned ones included.
+//        Not TIME_WAIT sockets (even one that reports FIN_WAIT2 as its substate), not request
+//        sockets of a half-open handshake, not bound-only or closed sockets, not IPv6 ones.
+//   UDP: bound IPv4 UDP sockets, connected or not.
+// Rows come from a netlink sock_diag dump, or from /proc/net/{tcp,udp} when netlink fails;
+// owners from the sockets' inodes in /proc/<pid>/fd.
+
+#include <string>
+
+#include "platform/linux/proc_net_parser.h"
+#include "platform/linux/sock_diag.h"
+#include "platform/linux/socket_owners.h"
+#include "platform/linux/sockstat_probe.h"
+#include "platform/platform.h"
+
+namespace tessmark::platform::linux_backend {
+
+// Where the full tables are read from. The firewall uses the default; tests pick one source to
+// hold the two against each other.
+enum class TableSource { kNetlinkThenProcNet, kNetlinkOnly, kProcNetOnly };
+
+class LinuxConnectionTables final : public ConnectionTables {
+ public:
+  explicit LinuxConnectionTables(std::string procRoot = "/proc",
+                                 TableSource source = TableSource::kNetlinkThenProcNet);
+
+  std::optional<uint32_t> tcpRowCount() override;
+  std::optional<uint32_t> udpRowCount() override;
+  std::optional<std::vector<TcpOwnerRow>> tcpTable() override;
+  std::optional<std::vector<UdpOwnerRow>> udpTable() override;
+  uint32_t deleteTcpRow(const TcpRow& row) override;
+
+ private:
+  std::string procRoot_;
+  TableSource source_;
+  SockstatProbe probe_;
+  SockDiag diag_;
+  SocketOwners owners_;
+};
+
+// The table's state number for the kernel's TCP_* state (ESTABLISHED 1 -> 5 ... CLOSING 11
+// -> 9); 0 for a number the kernel does not use for a row.
+uint32_t TableStateFromKernel(uint8_t kernelState);
+
+}  // namespace tessmark::platform::linux_backend
