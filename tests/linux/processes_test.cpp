@@ -11,7 +11,7 @@
 #include <string>
 
 #include "linux/netns.h"
-#include "linux/thread_peer_child.h"
+#include "linux/peer_child.h"
 #include "platform/linux/linux_processes.h"
 
 namespace tessmark::platform::linux_backend {

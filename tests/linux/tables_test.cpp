@@ -28,6 +28,7 @@
 #include <gtest/gtest.h>
 
 #include "linux/netns.h"
+#include "linux/peer_child.h"
 #include "platform/linux/linux_tables.h"
 #include "platform/linux/proc_net_parser.h"
 
@@ -130,63 +131,6 @@ auto Key(const TcpOwnerRow& r) {
   return std::tie(r.row.dwLocalAddr, r.row.dwLocalPort, r.row.dwRemoteAddr, r.row.dwRemotePort,
                   r.row.dwState, r.dwProcessId);
 }
-
-// socket_peer as a child process; it goes when stdin closes, and is killed only if it does
-// not.
-class Peer {
- public:
-  explicit Peer(const std::vector<std::string>& args) {
-    int in[2], out[2];
-    if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0) return;
-    std::string path = testing::PeerPath("socket_peer");
-    std::vector<char*> argv;
-    argv.push_back(path.data());
-    std::vector<std::string> copy = args;
-    for (std::string& a : copy) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    pid_ = ::fork();
-    if (pid_ == 0) {
-      ::dup2(in[0], STDIN_FILENO);
-      ::dup2(out[1], STDOUT_FILENO);
-      ::execv(path.c_str(), argv.data());
-      ::_exit(127);
-    }
-    ::close(in[0]);
-    ::close(out[1]);
-    stdin_ = Fd(in[1]);
-    stdout_ = Fd(out[0]);
-  }
-  ~Peer() {
-    stdin_.reset();
-    if (pid_ <= 0) return;
-    for (int i = 0; i < 300; ++i) {
-      if (::waitpid(pid_, nullptr, WNOHANG) == pid_) return;
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    ::kill(pid_, SIGKILL);  // our own child, stuck
-    ::waitpid(pid_, nullptr, 0);
-  }
-  pid_t pid() const { return pid_; }
-
-  // Waits for "ready <pid>"; false on an error or after five seconds.
-  bool ready() {
-    std::string text;
-    while (text.find('\n') == std::string::npos) {
-      pollfd p{stdout_.get(), POLLIN, 0};
-      if (::poll(&p, 1, 5000) != 1) return false;
-      char buffer[64];
-      ssize_t n = ::read(stdout_.get(), buffer, sizeof buffer);
-      if (n <= 0) return false;
-      text.append(buffer, static_cast<size_t>(n));
-    }
-    return text == "ready " + std::to_string(pid_) + "\n";
-  }
-
- private:
-  pid_t pid_ = -1;
-  Fd stdin_;
-  Fd stdout_;
-};
 
 // Sockets in each state the count must or must not count, made in this process. Ports are
 // the fixture's own, so tests in the same namespace do not meet.
@@ -310,8 +254,8 @@ TEST(LinuxTableCounts, ProcNetRowsAgreeWithNetlinkRows) {
 
 TEST(LinuxTableRows, PeerSocketsCarryThePeerPidAndRawFields) {
   TESSMARK_REQUIRE_PRIVATE_NETNS();
-  Peer peer({"listen", "40000", "connect", "40000", "udp", "40001"});
-  ASSERT_TRUE(peer.ready());
+  testing::PeerChild peer("socket_peer", {"listen", "40000", "connect", "40000", "udp", "40001"});
+  ASSERT_EQ(peer.error(), "");
   Fd own = Listen(40010);
   LinuxConnectionTables tables;
   auto tcp = tables.tcpTable();

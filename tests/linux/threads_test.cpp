@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "linux/netns.h"
-#include "linux/thread_peer_child.h"
+#include "linux/peer_child.h"
 #include "platform/linux/linux_threads.h"
 #include "platform/linux/process_stat.h"
 

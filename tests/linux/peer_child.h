@@ -1,7 +1,7 @@
 #pragma once
-// A thread_peer started as a child of the test. It gets SIGKILL when the test process ends
-// (so a frozen peer never outlives a crashed test) and is killed and reaped when this object
-// goes, unless the test reaped it itself.
+// A test peer program started as a child of the test. It gets SIGKILL when the test process
+// ends (so a frozen peer never outlives a crashed test) and is killed and reaped when this
+// object goes, unless the test reaped it itself. Every peer prints "ready <pid>" once set up.
 
 #include <fcntl.h>
 #include <poll.h>
@@ -15,19 +15,20 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "linux/netns.h"
 #include "platform/linux/process_stat.h"
 
 namespace tessmark::testing {
 
-class ThreadPeerChild {
+class PeerChild {
  public:
-  ThreadPeerChild(int threads, bool busy) {
-    std::string program = PeerPath("thread_peer");
-    std::string count = std::to_string(threads);
-    std::string mode = busy ? "busy" : "sleep";
-    char* argv[] = {program.data(), count.data(), mode.data(), nullptr};
+  PeerChild(const std::string& name, std::vector<std::string> args) {
+    std::string program = PeerPath(name);
+    std::vector<char*> argv{program.data()};
+    for (std::string& arg : args) argv.push_back(arg.data());
+    argv.push_back(nullptr);
     int in[2], out[2];
     if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) {
       error_ = "pipe failed";
@@ -41,7 +42,7 @@ class ThreadPeerChild {
       dup2(out[1], STDOUT_FILENO);
       prctl(PR_SET_PDEATHSIG, SIGKILL);
       if (getppid() != parent) _exit(126);
-      execv(argv[0], argv);
+      execv(argv[0], argv.data());
       _exit(127);
     }
     close(in[0]);
@@ -56,7 +57,7 @@ class ThreadPeerChild {
     close(out[0]);
   }
 
-  ~ThreadPeerChild() {
+  ~PeerChild() {
     if (stdin_ >= 0) close(stdin_);
     if (pid_ > 0 && !reaped_) {
       kill(pid_, SIGKILL);
@@ -64,8 +65,8 @@ class ThreadPeerChild {
     }
   }
 
-  ThreadPeerChild(const ThreadPeerChild&) = delete;
-  ThreadPeerChild& operator=(const ThreadPeerChild&) = delete;
+  PeerChild(const PeerChild&) = delete;
+  PeerChild& operator=(const PeerChild&) = delete;
 
   pid_t pid() const { return pid_; }
   // Empty when the peer runs and said it is ready.
@@ -119,7 +120,7 @@ class ThreadPeerChild {
       ssize_t n = 0;
       if (left.count() <= 0 || poll(&p, 1, static_cast<int>(left.count())) != 1 ||
           (n = read(fd, buf, sizeof buf)) <= 0) {
-        error_ = "thread_peer did not report ready: " + line;
+        error_ = "the peer did not report ready: " + line;
         return;
       }
       line.append(buf, static_cast<size_t>(n));
@@ -131,6 +132,13 @@ class ThreadPeerChild {
   int stdin_ = -1;
   bool reaped_ = false;
   std::string error_;
+};
+
+// thread_peer with `threads` extra threads, spinning or napping.
+class ThreadPeerChild : public PeerChild {
+ public:
+  ThreadPeerChild(int threads, bool busy)
+      : PeerChild("thread_peer", {std::to_string(threads), busy ? "busy" : "sleep"}) {}
 };
 
 }  // namespace tessmark::testing
