@@ -3,7 +3,9 @@
 //   - the quiet poll (tcpRowCount + udpRowCount) with 10, 1,000 and 10,000 TCP sockets;
 //   - the full TCP table with owners, 1,000 sockets and about 300 extra processes, read by a
 //     fresh object (cold owner cache) and read again by one object (warm cache);
-//   - for comparison, the same table read from /proc/net/tcp.
+//   - for comparison, the same table read from /proc/net/tcp;
+//   - the monitor's whole snapshot (GetTCPConnections: the table, the process table rebuild
+//     and one record per row) on a fresh machine object and again on the same one.
 // Goals: quiet poll <= 10 us at every size; warm full table <= 5 ms.
 
 #include <netinet/in.h>
@@ -21,6 +23,9 @@
 
 #include <benchmark/benchmark.h>
 
+#include "monitor/mailbox.h"
+#include "monitor/modmain.h"
+#include "platform/linux/linux_platform.h"
 #include "platform/linux/linux_tables.h"
 #include "platform/linux/private_netns.h"
 
@@ -158,11 +163,43 @@ void BM_FullTableFromProcNetWarmCache(benchmark::State& state) {
   state.counters["rows"] = static_cast<double>(rows);
 }
 
+// The monitor's forced snapshot: what a changed row count costs the poll, records included.
+struct MonitorSnapshot {
+  tessmark::platform::linux_backend::LinuxPlatform system;
+  tessmark::Mailbox mailbox;
+  tessmark::modprocs procs{system, mailbox};
+  tessmark::modmain main{system, procs, mailbox};
+  size_t read() {
+    main.GetTCPConnections(-1, -1);
+    return static_cast<size_t>(tessmark::LastTableIndex(main.TcpConnections) + 1);
+  }
+};
+
+void BM_MonitorSnapshotFirstRead(benchmark::State& state) {
+  if (!Prepare(state, static_cast<size_t>(state.range(0)))) return;
+  size_t rows = 0;
+  for (auto _ : state) {
+    MonitorSnapshot fresh;
+    rows = fresh.read();
+  }
+  state.counters["rows"] = static_cast<double>(rows);
+}
+
+void BM_MonitorSnapshotRepeated(benchmark::State& state) {
+  if (!Prepare(state, static_cast<size_t>(state.range(0)))) return;
+  MonitorSnapshot snapshot;
+  size_t rows = snapshot.read();
+  for (auto _ : state) benchmark::DoNotOptimize(snapshot.read());
+  state.counters["rows"] = static_cast<double>(rows);
+}
+
 // In order of growing socket count: the pool only grows.
 BENCHMARK(BM_QuietPoll)->Arg(10)->Arg(1000);
 BENCHMARK(BM_FullTableColdCache)->Arg(1000)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_FullTableWarmCache)->Arg(1000)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_FullTableFromProcNetWarmCache)->Arg(1000)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_MonitorSnapshotFirstRead)->Arg(1000)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_MonitorSnapshotRepeated)->Arg(1000)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_QuietPoll)->Arg(10000);
 
 // Children that only wait, so the owner look-up has processes to walk. They die with this

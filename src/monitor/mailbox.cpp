@@ -13,7 +13,8 @@ int32_t Mailbox::cGetInputState(int32_t) {
 }
 
 void Mailbox::pumpOnce() {
-  std::deque<Command> now;
+  if (!waiting_.load(std::memory_order_acquire)) return;
+  std::vector<Command> now;
   {
     std::lock_guard<std::mutex> lock(mutex_);
     now.swap(queue_);
