@@ -115,6 +115,46 @@ class Clock {
   // Milliseconds since some fixed start, wrapping at 2^32.
   virtual uint32_t tickCount() = 0;
   virtual void sleep(uint32_t milliseconds) = 0;
+  // The local date in the user's short date form, and the local time of day in the user's
+  // time form, as the desktop shows them.
+  virtual std::string dateText() = 0;
+  virtual std::string timeText() = 0;
+};
+
+// Whether the machine is connected to the Internet, and how. The flags are those of the
+// connected-state query: 1 modem, 2 LAN, 4 proxy, 8 modem busy, 16 remote access service
+// installed, 32 offline, 64 a connection configured.
+class NetworkStatus {
+ public:
+  virtual ~NetworkStatus() = default;
+  // True when connected; flags describe the connection either way.
+  virtual bool connectedState(uint32_t& flags) = 0;
+};
+
+// The per-user settings store: string values addressed by application, section and key.
+// Values are byte strings and come back exactly as stored, NUL, CR, LF, TAB, "=" and bytes
+// above 127 included: the settings digest holds such characters.
+class SettingsStore {
+ public:
+  virtual ~SettingsStore() = default;
+  // The stored value, or nullopt when there is none (or the store cannot be read).
+  virtual std::optional<std::string> readSetting(const std::string& application,
+                                                 const std::string& section,
+                                                 const std::string& key) = 0;
+  // Stores the value; false when it could not be written. A write never leaves a cut store
+  // behind: either the old or the new contents stand.
+  virtual bool writeSetting(const std::string& application, const std::string& section,
+                            const std::string& key, const std::string& value) = 0;
+};
+
+// The folders the system names for this user and this program.
+class Folders {
+ public:
+  virtual ~Folders() = default;
+  // The user's documents folder; "" when the system names none.
+  virtual std::string documentsFolder() = 0;
+  // The folder of the firewall's own executable.
+  virtual std::string programFolder() = 0;
 };
 
 // One machine: the backend bundle the core is built on.
@@ -125,6 +165,9 @@ class Platform {
   virtual Processes& processes() = 0;
   virtual Threads& threads() = 0;
   virtual Clock& clock() = 0;
+  virtual SettingsStore& settings() = 0;
+  virtual Folders& folders() = 0;
+  virtual NetworkStatus& network() = 0;
 };
 
 }  // namespace tessmark::platform

@@ -3,6 +3,11 @@
 #include <time.h>
 
 #include <cerrno>
+#include <ctime>
+#include <iomanip>
+#include <locale>
+#include <sstream>
+#include <stdexcept>
 
 namespace tessmark::platform::linux_backend {
 
@@ -19,6 +24,42 @@ void LinuxClock::sleep(uint32_t milliseconds) {
                 static_cast<long>(milliseconds % 1000) * 1000000L};
   while (nanosleep(&left, &left) != 0 && errno == EINTR) {
   }
+}
+
+namespace {
+
+// The user's locale for dates; the classic one when none is set or it cannot be had.
+const std::locale& userLocale() {
+  static const std::locale locale = [] {
+    try {
+      return std::locale("");
+    } catch (const std::runtime_error&) {
+      return std::locale::classic();
+    }
+  }();
+  return locale;
+}
+
+std::string localText(const char* userForm, const char* fixedForm) {
+  std::time_t now = std::time(nullptr);
+  std::tm local{};
+  localtime_r(&now, &local);
+  const std::locale& locale = userLocale();
+  bool plain = locale.name() == "C" || locale.name() == "POSIX";
+  std::ostringstream text;
+  text.imbue(plain ? std::locale::classic() : locale);
+  text << std::put_time(&local, plain ? fixedForm : userForm);
+  return text.str();
+}
+
+}  // namespace
+
+std::string LinuxClock::dateText() {
+  return localText("%x", "%d.%m.%Y");
+}
+
+std::string LinuxClock::timeText() {
+  return localText("%X", "%H:%M:%S");
 }
 
 }  // namespace tessmark::platform::linux_backend

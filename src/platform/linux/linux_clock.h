@@ -1,5 +1,7 @@
 #pragma once
 
+#include <string>
+
 #include "platform/platform.h"
 
 namespace tessmark::platform::linux_backend {
@@ -9,6 +11,10 @@ class LinuxClock final : public Clock {
  public:
   uint32_t tickCount() override;
   void sleep(uint32_t milliseconds) override;
+  // In the user's date and time forms (LC_TIME). Under the plain C locale, whose date form
+  // has a two-digit year, the fixed forms "31.12.2026" and "23:59:59" are used instead.
+  std::string dateText() override;
+  std::string timeText() override;
 };
 
 }  // namespace tessmark::platform::linux_backend

@@ -3,7 +3,10 @@
 
 #include <string>
 
+#include "platform/linux/ini_settings_store.h"
 #include "platform/linux/linux_clock.h"
+#include "platform/linux/linux_folders.h"
+#include "platform/linux/linux_network_status.h"
 #include "platform/linux/linux_processes.h"
 #include "platform/linux/linux_tables.h"
 #include "platform/linux/linux_threads.h"
@@ -21,12 +24,18 @@ class LinuxPlatform final : public Platform {
   Processes& processes() override { return processes_; }
   Threads& threads() override { return threads_; }
   Clock& clock() override { return clock_; }
+  SettingsStore& settings() override { return settings_; }
+  Folders& folders() override { return folders_; }
+  NetworkStatus& network() override { return network_; }
 
  private:
   LinuxConnectionTables tables_;
   LinuxProcesses processes_;
   LinuxThreads threads_;
   LinuxClock clock_;
+  IniSettingsStore settings_;
+  LinuxFolders folders_;
+  LinuxNetworkStatus network_;
 };
 
 }  // namespace tessmark::platform::linux_backend

@@ -2,8 +2,12 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <sstream>
+#include <system_error>
 
 namespace tessmark::platform::sim {
 
@@ -50,6 +54,26 @@ UdpOwnerRow MakeUdpRow(const std::string& localAddress, uint16_t localPort, uint
 
 SimSystem::SimSystem() {
   addProcess(ownPid, "/opt/tessmark/tessmark-firewall", 2);
+  std::string pattern = (std::filesystem::temp_directory_path() / "tessmark-sim-XXXXXX").string();
+  if (mkdtemp(pattern.data()) != nullptr) root = pattern;
+  documents = root + "/Documents";
+  programDirectory = root + "/program";
+  std::error_code error;
+  std::filesystem::create_directories(documents, error);
+  std::filesystem::create_directories(programDirectory, error);
+}
+
+SimSystem::~SimSystem() {
+  std::error_code error;
+  if (!root.empty()) std::filesystem::remove_all(root, error);
+}
+
+std::string SimSystem::writeProgramFile(const std::string& name, const std::string& contents) {
+  std::filesystem::path path = std::filesystem::path(root) / "bin" / name;
+  std::error_code error;
+  std::filesystem::create_directories(path.parent_path(), error);
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << contents;
+  return path.string();
 }
 
 SimProcess& SimSystem::addProcess(int32_t pid, const std::string& path, int threadCount) {
@@ -102,9 +126,10 @@ uint32_t SimSystem::deleteTcpRow(const TcpRow& row) {
     key.dwState = row.dwState;  // the state in the request is not part of the match
     return key == row;
   });
+  if (deleteError != 0) return deleteError;
   if (it == tcpRows.end()) return kErrorNotFound;
   deletedRows.push_back(row);
-  tcpRows.erase(it);
+  if (!deletedRowsLinger) tcpRows.erase(it);
   return 0;
 }
 
@@ -205,6 +230,22 @@ bool SimSystem::closeHandle(ProcessHandle handle) {
 void SimSystem::releaseAllHolds() {
   ++releaseAllHoldsCalls;
   suspendCounts.clear();
+}
+
+std::optional<std::string> SimSystem::readSetting(const std::string& application,
+                                                  const std::string& section,
+                                                  const std::string& key) {
+  auto found = storedSettings.find({application, section, key});
+  if (found == storedSettings.end()) return std::nullopt;
+  return found->second;
+}
+
+bool SimSystem::writeSetting(const std::string& application, const std::string& section,
+                             const std::string& key, const std::string& value) {
+  if (settingsWritesFail) return false;
+  storedSettings[{application, section, key}] = value;
+  ++settingsWrites;
+  return true;
 }
 
 }  // namespace tessmark::platform::sim

@@ -8,6 +8,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "platform/platform.h"
@@ -43,22 +44,46 @@ class SimSystem final : public Platform,
                         public ConnectionTables,
                         public Processes,
                         public Threads,
-                        public Clock {
+                        public Clock,
+                        public SettingsStore,
+                        public Folders,
+                        public NetworkStatus {
  public:
   SimSystem();
+  ~SimSystem() override;
+  SimSystem(const SimSystem&) = delete;
+  SimSystem& operator=(const SimSystem&) = delete;
 
   // ---- the scene
   std::vector<TcpOwnerRow> tcpRows;
   std::vector<UdpOwnerRow> udpRows;
   bool tcpTableFails = false;
+  uint32_t deleteError = 0;      // non-zero: every delete fails with this error
+  bool deletedRowsLinger = false;  // a deleted row stays listed, as one going away slowly
   bool udpTableFails = false;
   bool threadSnapshotFails = false;
   std::map<int32_t, SimProcess> processTable;
   int32_t ownPid = 1000;
   uint32_t now = 0;  // the clock, ms; sleep() moves it on
+  std::string date = "15.11.2026";  // the local date and time as the desktop shows them
+  std::string time = "12:00:01";
+  bool online = true;  // the connected state and its flags
+  uint32_t onlineFlags = 2 | 64;
   // Threads of another process that every thread snapshot lists first, as a system-wide
   // snapshot would.
   std::vector<ThreadEntry> leadingThreads;
+
+  // The settings store, by (application, section, key); writes fail while the flag is set.
+  std::map<std::tuple<std::string, std::string, std::string>, std::string> storedSettings;
+  bool settingsWritesFail = false;
+  // A fresh folder of this machine's own on the real disk, removed with it: the documents
+  // folder, the program folder and the program files live below it.
+  std::string root;
+  std::string documents;         // root + "/Documents"
+  std::string programDirectory;  // root + "/program"
+
+  // Writes a program file below root and gives its full path.
+  std::string writeProgramFile(const std::string& name, const std::string& contents);
 
   // A process with `threadCount` threads, ids pid*10+1 upward.
   SimProcess& addProcess(int32_t pid, const std::string& path, int threadCount = 1);
@@ -71,6 +96,7 @@ class SimSystem final : public Platform,
   std::vector<uint32_t> suspendedThreadLog;   // every suspendThread call, in order
   std::vector<uint32_t> resumedThreadLog;     // every resumeThread call, in order
   int releaseAllHoldsCalls = 0;
+  int settingsWrites = 0;  // writes that went through
 
   // True while any thread of the process is suspended.
   bool isFrozen(int32_t pid) const;
@@ -82,6 +108,9 @@ class SimSystem final : public Platform,
   Processes& processes() override { return *this; }
   Threads& threads() override { return *this; }
   Clock& clock() override { return *this; }
+  SettingsStore& settings() override { return *this; }
+  Folders& folders() override { return *this; }
+  NetworkStatus& network() override { return *this; }
 
   // ---- ConnectionTables
   std::optional<uint32_t> tcpRowCount() override;
@@ -108,6 +137,24 @@ class SimSystem final : public Platform,
   // ---- Clock
   uint32_t tickCount() override { return now; }
   void sleep(uint32_t milliseconds) override { now += milliseconds; }
+  std::string dateText() override { return date; }
+  std::string timeText() override { return time; }
+
+  // ---- NetworkStatus
+  bool connectedState(uint32_t& flags) override {
+    flags = onlineFlags;
+    return online;
+  }
+
+  // ---- SettingsStore
+  std::optional<std::string> readSetting(const std::string& application, const std::string& section,
+                                         const std::string& key) override;
+  bool writeSetting(const std::string& application, const std::string& section,
+                    const std::string& key, const std::string& value) override;
+
+  // ---- Folders
+  std::string documentsFolder() override { return documents; }
+  std::string programFolder() override { return programDirectory; }
 
  private:
   SimProcess* liveProcess(int32_t pid);
