@@ -21,13 +21,6 @@ namespace {
 
 using namespace tessmark;
 
-class SilentUi final : public UiPort {
- public:
-  void setIlabel(const std::string&) override {}
-  void setBLabel(const std::string&) override {}
-  void showErrorBox(const std::string&) override {}
-};
-
 double processCpuSeconds() {
   timespec t{};
   clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);

@@ -10,7 +10,8 @@ Engine::Engine(platform::Platform& system, UiPort& ui)
     : procs(system, mailbox),
       pause(system.threads(), procs),
       main(system, procs, mailbox),
-      monitor(main, pause, mailbox, ui, system.clock()),
+      rules(system, pause, mailbox, ui, main.InternetLocked),
+      monitor(main, pause, mailbox, ui, system.clock(), rules, system.settings()),
       system_(system) {}
 
 Engine::~Engine() {

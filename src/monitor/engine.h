@@ -14,6 +14,7 @@
 #include "platform/platform.h"
 #include "process/modPauseProcess.h"
 #include "process/modprocs.h"
+#include "rules/rule_store.h"
 
 namespace tessmark {
 
@@ -44,6 +45,7 @@ class Engine {
   modprocs procs;
   modPauseProcess pause;
   modmain main;
+  RuleStore rules;
   frmThread monitor;
 
  private:

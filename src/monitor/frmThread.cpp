@@ -1,8 +1,30 @@
 #include "monitor/frmThread.h"
 
 #include "monitor/booleans.h"
+#include "rules/modSetting.h"
 
 namespace tessmark {
+
+frmThread::frmThread(modmain& main, modPauseProcess& pause, MessagePump& pump, UiPort& ui,
+                     platform::Clock& clock, RuleStore& rules, platform::SettingsStore& store)
+    : Log(main, rules.folders, clock, pump, Check3,
+          [this](int32_t& all, int32_t& high) { ChangeBlockValue(all, high); }),
+      ClosedPortNotice(ui, store, rules.secureConfig, Check2),
+      VirusNotice(ui),
+      InfoNotice(ui),
+      main_(main),
+      pause_(pause),
+      pump_(pump),
+      ui_(ui),
+      clock_(clock),
+      rules_(rules),
+      alertServices_{rules, ListView1, ui} {
+  main_.closedPortListener = this;
+}
+
+frmThread::~frmThread() {
+  if (main_.closedPortListener == this) main_.closedPortListener = nullptr;
+}
 
 void frmThread::startthefirewall() {
   do {
@@ -66,23 +88,23 @@ void frmThread::UnloadAllAlerts() {
 frmAlert& frmThread::AlertForm(int32_t index) {
   if (AlertForms.size() <= static_cast<size_t>(index)) AlertForms.resize(index + 1);
   auto& form = AlertForms[index];
-  if (!form) form = std::make_unique<frmAlert>(main_, pause_);
+  if (!form)
+    form = std::make_unique<frmAlert>(main_, pause_, alertServices_, static_cast<int16_t>(index));
   return *form;
 }
 
-// The passes judge rows with a later piece of the monitor; until then they keep their entry
-// steps, so the counts and the labels are right. The locked sweep and the decision pass both
-// store the last index; the display pass does not.
-void frmThread::NewtcpCon(int16_t displayMode, int16_t) {
-  TcpBlocked = 0;
-  if (main_.InternetLocked != kFalse || displayMode == kFalse)
-    TcpLastIndex = static_cast<int16_t>(LastTableIndex(main_.TcpConnections));
+void frmThread::SaveApplicationRules() {
+  SaveRuleFile(ListView1, rules_.folders.RuleFilePath(), rules_.secureConfig);
+  NewtcpCon(0, 0);
+  NewUdpCon(0, 0);
 }
 
-void frmThread::NewUdpCon(int16_t displayMode, int16_t) {
-  UdpBlocked = 0;
-  if (main_.InternetLocked != kFalse || displayMode == kFalse)
-    UdpLastIndex = static_cast<int16_t>(LastTableIndex(main_.UdpConnections));
+void frmThread::ChangeBlockValue(int32_t& all, int32_t& high) {
+  ui_.setBlockedDetails("All: " + std::to_string(all) + "\r\nHigh Rated: " + std::to_string(high));
+}
+
+void frmThread::portClosed(int32_t& port, std::string& name, const std::string& remoteAddress) {
+  if (Check2 == 1) ClosedPortNotice.ShowPortAlert(port, name, remoteAddress);
 }
 
 }  // namespace tessmark

@@ -132,4 +132,14 @@ int16_t modmain::GetUDPConnections(int16_t allRows, int16_t force) {
   return kTrue;
 }
 
+int16_t modmain::CloseConnection(MIB_TCPROW& row, int32_t&, int32_t& port, std::string& name) {
+  constexpr uint32_t MIB_TCP_STATE_DELETE_TCB = 12;
+  row.dwState = MIB_TCP_STATE_DELETE_TCB;
+  if (system_.tables().deleteTcpRow(row) != 0) return kFalse;
+  LastTcpCount = static_cast<int16_t>(LastTcpCount - 1);
+  if (port != 0 && closedPortListener != nullptr)
+    closedPortListener->portClosed(port, name, GetIpFromLong(row.dwRemoteAddr));
+  return kTrue;
+}
+
 }  // namespace tessmark

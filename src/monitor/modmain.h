@@ -48,6 +48,14 @@ int32_t GetTcpPortNumber(int32_t raw);
 // Text of a table state number; an unknown number reads "LISTEN".
 std::string GetState(int32_t state);
 
+// Told of each connection broken because its local port is a closed service, so that the
+// closed-port notice can appear.
+class ClosedPortListener {
+ public:
+  virtual ~ClosedPortListener() = default;
+  virtual void portClosed(int32_t& port, std::string& name, const std::string& remoteAddress) = 0;
+};
+
 class modmain {
  public:
   // The probe buffer holds 1001 rows. A larger table cannot be put into it, so the probe
@@ -61,6 +69,13 @@ class modmain {
   // not be read. allRows false is the filtered mode, which no caller uses.
   int16_t GetTCPConnections(int16_t allRows, int16_t force);
   int16_t GetUDPConnections(int16_t allRows, int16_t force);
+
+  // Deletes the connection of the row: -1 when the system accepted it, else 0. The row's
+  // state is set to "delete" in place. A success lowers LastTcpCount, so the next probe finds
+  // the table as it now is and stays quiet; a row that did not go away changes the count
+  // again and is judged again. A non-zero port marks a break for the closed-port list.
+  int16_t CloseConnection(MIB_TCPROW& row, int32_t& pid, int32_t& port, std::string& name);
+  ClosedPortListener* closedPortListener = nullptr;
 
   ConnectionTable TcpConnections;
   ConnectionTable UdpConnections;
