@@ -2,7 +2,9 @@
 // to it and closes again in a slow rhythm, so the connection counts move. Loopback only;
 // it ends by itself after the given number of rounds (default 600, about ten minutes).
 //
-//   tessmark-demo-client [rounds]
+//   tessmark-demo-client [rounds] [port]
+//
+// The port (default 8080) is the TCP listener's; the UDP socket takes 5353 + (port - 8080).
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -47,12 +49,12 @@ int connectTo(uint16_t port) {
 
 int main(int argc, char** argv) {
   int rounds = argc > 1 ? std::atoi(argv[1]) : 600;
-  constexpr uint16_t kPort = 8080;
+  const auto kPort = static_cast<uint16_t>(argc > 2 ? std::atoi(argv[2]) : 8080);
   int listener = listenOnLoopback(kPort);
   int udp = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   sockaddr_in udpAddr{};
   udpAddr.sin_family = AF_INET;
-  udpAddr.sin_port = htons(5353);
+  udpAddr.sin_port = htons(static_cast<uint16_t>(5353 + (kPort - 8080)));
   udpAddr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   bind(udp, reinterpret_cast<sockaddr*>(&udpAddr), sizeof udpAddr);
 
