@@ -4,7 +4,7 @@ BUILD ?= build
 CMAKE_FLAGS ?=
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps configure build run test bench tsan asan format clean
+.PHONY: all deps configure build run test bench tsan asan fuzz format clean
 
 all: build
 
@@ -32,6 +32,17 @@ tsan:
 
 asan:
 	$(MAKE) test BUILD=build-asan CMAKE_FLAGS="-DTESSMARK_SANITIZE=address -DTESSMARK_BUILD_BENCH=OFF"
+
+# libFuzzer harnesses (fuzz/fuzz_*.cpp), built with clang into build-fuzz and run one after the
+# other for FUZZ_SECONDS each; FUZZ=name runs fuzz_name alone. Independent of `make test`.
+FUZZ_SECONDS ?= 600
+FUZZ ?=
+fuzz:
+	@tools/install-fuzz-deps
+	@CC=clang CXX=clang++ cmake -S . -B build-fuzz -DTESSMARK_BUILD_FUZZ=ON \
+	  -DTESSMARK_BUILD_TESTS=OFF -DTESSMARK_BUILD_BENCH=OFF >/dev/null
+	@cmake --build build-fuzz -j $(JOBS) --target $(if $(FUZZ),fuzz_$(FUZZ),fuzzers)
+	@fuzz/run-fuzzers build-fuzz $(FUZZ_SECONDS) $(FUZZ)
 
 format:
 	@git ls-files '*.cpp' '*.h' | xargs clang-format -i
