@@ -10,21 +10,11 @@
 #include <cstdio>
 #include <string_view>
 
+#include "platform/linux/fd_io.h"
 #include "platform/linux/process_stat.h"
 
 namespace tessmark::platform::linux_backend {
 namespace {
-
-bool WriteAll(int fd, const std::string& text) {
-  size_t done = 0;
-  while (done < text.size()) {
-    ssize_t n = write(fd, text.data() + done, text.size() - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    done += static_cast<size_t>(n);
-  }
-  return true;
-}
 
 template <typename T>
 bool ParseNumber(std::string_view text, T& value) {

@@ -1,4 +1,5 @@
 #include "platform/linux/ini_settings_store.h"
+#include "platform/linux/fd_io.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -185,17 +186,6 @@ std::optional<std::string> ReadFileText(const std::string& path) {
   }
   close(fd);
   return text;
-}
-
-bool WriteAll(int fd, const std::string& text) {
-  size_t done = 0;
-  while (done < text.size()) {
-    ssize_t n = write(fd, text.data() + done, text.size() - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    done += static_cast<size_t>(n);
-  }
-  return true;
 }
 
 // Makes the folder and any missing parent, each private to the user as the XDG folders are.
