@@ -85,9 +85,11 @@ void modWriteLog::WriteBlockedConnection(int16_t& isTcp, int16_t& index, std::st
   if (ChangeBlockValue_) ChangeBlockValue_(BlockedAll, BlockedHigh);
   // 3.
   if (Check3_ != 1) return;
-  // 4. A private copy of the selected table. A row number outside it reads nothing, so the
-  //    line is built from an empty record: path "-", pid and ports 0, the rest empty.
-  const ConnectionTable table = isExactlyTrue(isTcp) ? main_.TcpConnections : main_.UdpConnections;
+  // 4. The row of the selected table, copied: the line needs that one row, and a copy of
+  //    the whole table for each line made a pass with many refusals cost a second. A row
+  //    number outside the table reads nothing, so the line is built from an empty record:
+  //    path "-", pid and ports 0, the rest empty.
+  const ConnectionTable& table = isExactlyTrue(isTcp) ? main_.TcpConnections : main_.UdpConnections;
   ConnectionRecord record;
   if (index >= 0 && static_cast<size_t>(index) < table.size())
     record = table[static_cast<size_t>(index)];

@@ -197,6 +197,17 @@ TEST_F(CapturedProcTree, TableRowsAreWhatTheCapturedCountCounts) {
   EXPECT_EQ((*udp)[1].dwProcessId, 0u);
 }
 
+TEST_F(CapturedProcTree, ASocketSharedAfterAForkBelongsToTheOlderProcess) {
+  // A child between fork and exec holds its parent's client socket too; it is scanned first,
+  // being the newer, but the socket stays its parent's.
+  std::filesystem::create_directories(root_ / "4300/fd");
+  std::filesystem::create_symlink("socket:[10557]", root_ / "4300/fd/3");
+  LinuxConnectionTables tables(root_.string(), TableSource::kProcNetOnly);
+  auto tcp = tables.tcpTable();
+  ASSERT_TRUE(tcp.has_value());
+  EXPECT_EQ((*tcp)[1].dwProcessId, 4242u);
+}
+
 TEST_F(CapturedProcTree, MissingSourcesGiveNoTableRatherThanAnEmptyOne) {
   std::filesystem::remove(root_ / "net/tcp");
   std::filesystem::remove(root_ / "net/sockstat");

@@ -210,9 +210,13 @@ TEST_F(Decisions, AChangedFileUnderDenyIsAskedFirstAndBrokenLater) {
 
 TEST_F(Decisions, TheChecksumComparesAsANumber) {
   rule(appPath, " " + std::to_string(kAppCrc) + ".0", "allow");
-  rule(chatPath, "", "allow");  // no number: counts as matching
+  rule(chatPath, "", "allow");                            // no number: counts as matching
+  std::string empty = sim.writeProgramFile("empty", "");  // the checksum of nothing is 0
+  program(44, empty);
+  rule(empty, "-0", "allow");
   tcp(42, 3000);
   tcp(43, 3001);
+  tcp(44, 3002);
   monitor.firewall();
   EXPECT_TRUE(ui.alertsShown.empty());
   EXPECT_FALSE(sim.isFrozen(42));

@@ -86,7 +86,13 @@ void SocketOwners::rescan(int32_t pid, Process& process, off_t count) {
     auto it = owners_.find(old);
     if (it != owners_.end() && it->second == pid) owners_.erase(it);
   }
-  for (uint64_t inode : inodes) owners_.try_emplace(inode, pid);
+  // A socket shared after a fork is credited to the oldest holder, the lower pid: the child
+  // between fork and exec holds its parent's sockets for a moment, and must not be taken
+  // for their owner.
+  for (uint64_t inode : inodes) {
+    auto [it, added] = owners_.try_emplace(inode, pid);
+    if (!added && pid < it->second) it->second = pid;
+  }
   process.inodes = std::move(inodes);
 }
 
