@@ -10,8 +10,8 @@
 
 namespace tessmark {
 
-// The icon of a message box.
-enum class MessageIcon { Critical, Exclamation, Information };
+// The icon of a message box; None is a plain box without one.
+enum class MessageIcon { Critical, Exclamation, Information, None };
 
 // The access alert as the monitor fills it: the texts of its controls, and which of the three
 // backgrounds it shows.

@@ -3,6 +3,7 @@
 // these interfaces; platform/linux is the real backend and platform/sim the simulated one.
 // Value types, no exceptions: a failure is a result.
 
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -157,6 +158,55 @@ class Folders {
   virtual std::string programFolder() = 0;
 };
 
+// One row of the interface table: one network interface with its counters, field for field
+// as the system's MIB_IFROW record holds it. Counters are cut to their low 32 bits, as the
+// fields are, so they wrap like the system's own; every field is unsigned, as the system gives it.
+struct IfRow {
+  std::array<char16_t, 256> wszName{};  // the interface's name in 16-bit characters
+  uint32_t dwIndex = 0;
+  uint32_t dwType = 0;  // IANA ifType: 6 Ethernet, 23 PPP, 24 loopback, 71 wireless, 131 tunnel
+  uint32_t dwMtu = 0;
+  uint32_t dwSpeed = 0;  // bits a second
+  uint32_t dwPhysAddrLen = 0;
+  std::array<uint8_t, 8> bPhysAddr{};
+  uint32_t dwAdminStatus = 0;  // 1 up, 2 down, 3 testing
+  uint32_t dwOperStatus = 0;   // 0 non-operational ... 2 disconnected, 3 connecting, 5 operational
+  uint32_t dwLastChange = 0;
+  uint32_t dwInOctets = 0;
+  uint32_t dwInUcastPkts = 0;
+  uint32_t dwInNUcastPkts = 0;
+  uint32_t dwInDiscards = 0;
+  uint32_t dwInErrors = 0;
+  uint32_t dwInUnknownProtos = 0;
+  uint32_t dwOutOctets = 0;
+  uint32_t dwOutUcastPkts = 0;
+  uint32_t dwOutNUcastPkts = 0;
+  uint32_t dwOutDiscards = 0;
+  uint32_t dwOutErrors = 0;
+  uint32_t dwOutQLen = 0;
+  uint32_t dwDescrLen = 0;  // how many bytes of bDescr the description fills
+  std::array<uint8_t, 256> bDescr{};
+  friend bool operator==(const IfRow&, const IfRow&) = default;
+};
+
+// The whole interface table, or why there is none.
+struct IfTable {
+  enum class Status {
+    Ok,
+    NotSupported,  // the system has no interface table to offer at all
+    Failed,        // there is one, but it could not be read this time
+  };
+  Status status = Status::Ok;
+  std::vector<IfRow> rows;  // in the system's order, loopback included; empty unless Ok
+};
+
+// The network interfaces and their traffic counters.
+class Adapters {
+ public:
+  virtual ~Adapters() = default;
+  virtual IfTable ifTable() = 0;
+};
+
 // One machine: the backend bundle the core is built on.
 class Platform {
  public:
@@ -168,6 +218,7 @@ class Platform {
   virtual SettingsStore& settings() = 0;
   virtual Folders& folders() = 0;
   virtual NetworkStatus& network() = 0;
+  virtual Adapters& adapters() = 0;
 };
 
 }  // namespace tessmark::platform

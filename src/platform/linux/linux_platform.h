@@ -4,6 +4,7 @@
 #include <string>
 
 #include "platform/linux/ini_settings_store.h"
+#include "platform/linux/linux_adapters.h"
 #include "platform/linux/linux_clock.h"
 #include "platform/linux/linux_folders.h"
 #include "platform/linux/linux_network_status.h"
@@ -27,6 +28,7 @@ class LinuxPlatform final : public Platform {
   SettingsStore& settings() override { return settings_; }
   Folders& folders() override { return folders_; }
   NetworkStatus& network() override { return network_; }
+  Adapters& adapters() override { return adapters_; }
 
  private:
   LinuxConnectionTables tables_;
@@ -36,6 +38,7 @@ class LinuxPlatform final : public Platform {
   IniSettingsStore settings_;
   LinuxFolders folders_;
   LinuxNetworkStatus network_;
+  LinuxAdapters adapters_;
 };
 
 }  // namespace tessmark::platform::linux_backend

@@ -52,6 +52,23 @@ UdpOwnerRow MakeUdpRow(const std::string& localAddress, uint16_t localPort, uint
   return {RawAddress(localAddress), RawPort(localPort), pid};
 }
 
+IfRow MakeIfRow(uint32_t index, const std::string& name, uint32_t inOctets, uint32_t outOctets) {
+  IfRow row;
+  for (size_t i = 0; i < name.size() && i < row.wszName.size(); ++i)
+    row.wszName[i] = static_cast<unsigned char>(name[i]);
+  row.dwIndex = index;
+  row.dwType = 6;  // Ethernet
+  row.dwMtu = 1500;
+  row.dwSpeed = 100000000;
+  row.dwAdminStatus = 1;
+  row.dwOperStatus = 5;
+  row.dwInOctets = inOctets;
+  row.dwOutOctets = outOctets;
+  row.dwDescrLen = static_cast<uint32_t>(std::min(name.size(), row.bDescr.size()));
+  std::copy_n(name.begin(), row.dwDescrLen, row.bDescr.begin());
+  return row;
+}
+
 SimSystem::SimSystem() {
   addProcess(ownPid, "/opt/tessmark/tessmark-firewall", 2);
   std::string pattern = (std::filesystem::temp_directory_path() / "tessmark-sim-XXXXXX").string();
@@ -131,6 +148,13 @@ uint32_t SimSystem::deleteTcpRow(const TcpRow& row) {
   deletedRows.push_back(row);
   if (!deletedRowsLinger) tcpRows.erase(it);
   return 0;
+}
+
+IfTable SimSystem::ifTable() {
+  ++calls.ifTableReads;
+  if (ifTableNotSupported) return {IfTable::Status::NotSupported, {}};
+  if (ifTableFails) return {IfTable::Status::Failed, {}};
+  return {IfTable::Status::Ok, ifRows};
 }
 
 std::vector<ProcessEntry> SimSystem::list() {

@@ -23,6 +23,9 @@ TcpOwnerRow MakeTcpRow(uint32_t state, const std::string& localAddress, uint16_t
                        const std::string& remoteAddress, uint16_t remotePort, uint32_t pid);
 UdpOwnerRow MakeUdpRow(const std::string& localAddress, uint16_t localPort, uint32_t pid);
 
+// An interface that is up, named `name` (also its description), with its two octet counters.
+IfRow MakeIfRow(uint32_t index, const std::string& name, uint32_t inOctets, uint32_t outOctets);
+
 struct SimProcess {
   std::string path;
   std::vector<uint32_t> threads;
@@ -38,6 +41,7 @@ struct SimCalls {
   int udpTableReads = 0;
   int processListings = 0;
   int threadSnapshots = 0;
+  int ifTableReads = 0;
 };
 
 class SimSystem final : public Platform,
@@ -47,7 +51,8 @@ class SimSystem final : public Platform,
                         public Clock,
                         public SettingsStore,
                         public Folders,
-                        public NetworkStatus {
+                        public NetworkStatus,
+                        public Adapters {
  public:
   SimSystem();
   ~SimSystem() override;
@@ -58,13 +63,13 @@ class SimSystem final : public Platform,
   std::vector<TcpOwnerRow> tcpRows;
   std::vector<UdpOwnerRow> udpRows;
   bool tcpTableFails = false;
-  uint32_t deleteError = 0;      // non-zero: every delete fails with this error
+  uint32_t deleteError = 0;        // non-zero: every delete fails with this error
   bool deletedRowsLinger = false;  // a deleted row stays listed, as one going away slowly
   bool udpTableFails = false;
   bool threadSnapshotFails = false;
   std::map<int32_t, SimProcess> processTable;
   int32_t ownPid = 1000;
-  uint32_t now = 0;  // the clock, ms; sleep() moves it on
+  uint32_t now = 0;                 // the clock, ms; sleep() moves it on
   std::string date = "15.11.2026";  // the local date and time as the desktop shows them
   std::string time = "12:00:01";
   bool online = true;  // the connected state and its flags
@@ -72,6 +77,10 @@ class SimSystem final : public Platform,
   // Threads of another process that every thread snapshot lists first, as a system-wide
   // snapshot would.
   std::vector<ThreadEntry> leadingThreads;
+  // The interface table; the switches make the system offer none, or fail to read it.
+  std::vector<IfRow> ifRows;
+  bool ifTableNotSupported = false;
+  bool ifTableFails = false;
 
   // The settings store, by (application, section, key); writes fail while the flag is set.
   std::map<std::tuple<std::string, std::string, std::string>, std::string> storedSettings;
@@ -111,6 +120,7 @@ class SimSystem final : public Platform,
   SettingsStore& settings() override { return *this; }
   Folders& folders() override { return *this; }
   NetworkStatus& network() override { return *this; }
+  Adapters& adapters() override { return *this; }
 
   // ---- ConnectionTables
   std::optional<uint32_t> tcpRowCount() override;
@@ -145,6 +155,9 @@ class SimSystem final : public Platform,
     flags = onlineFlags;
     return online;
   }
+
+  // ---- Adapters
+  IfTable ifTable() override;
 
   // ---- SettingsStore
   std::optional<std::string> readSetting(const std::string& application, const std::string& section,
