@@ -1,15 +1,12 @@
 #include "platform/linux/linux_adapters.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <array>
-#include <cerrno>
 #include <charconv>
 #include <filesystem>
 #include <optional>
 #include <system_error>
+
+#include "platform/linux/small_files.h"
 
 namespace tessmark::platform::linux_backend {
 
@@ -35,63 +32,16 @@ constexpr uint32_t kOperOperational = 5;
 
 constexpr unsigned long kIffUp = 0x1;
 
-// A whole text file; nullopt when it cannot be opened or read. `missing` tells an absent
-// file from one that failed.
-std::optional<std::string> readFile(const std::string& path, bool* missing = nullptr) {
-  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) {
-    if (missing != nullptr) *missing = errno == ENOENT || errno == ENOTDIR;
-    return std::nullopt;
-  }
-  std::string text;
-  std::array<char, 16384> buffer;
-  for (;;) {
-    ssize_t n = ::read(fd, buffer.data(), buffer.size());
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) {
-      ::close(fd);
-      if (missing != nullptr) *missing = false;
-      return std::nullopt;
-    }
-    if (n == 0) break;
-    text.append(buffer.data(), static_cast<size_t>(n));
-  }
-  ::close(fd);
-  return text;
-}
-
-std::string_view trimmed(std::string_view text) {
-  const char* blanks = " \t\r\n";
-  size_t begin = text.find_first_not_of(blanks);
-  if (begin == std::string_view::npos) return {};
-  return text.substr(begin, text.find_last_not_of(blanks) - begin + 1);
-}
-
-// The first line of a sysfs attribute with its blanks cut; nullopt when it cannot be read
-// (some attributes refuse to be read in some states, which is just "no value").
+// A sysfs attribute of the interface's folder; nullopt when it cannot be read.
 std::optional<std::string> attribute(const fs::path& folder, const char* name) {
-  auto text = readFile((folder / name).string());
-  if (!text) return std::nullopt;
-  std::string_view line(*text);
-  line = line.substr(0, line.find('\n'));
-  return std::string(trimmed(line));
-}
-
-// The whole text is a number of that base that fits in T.
-template <typename T>
-bool parseNumber(std::string_view text, int base, T& value) {
-  if (base == 16 && text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X'))
-    text.remove_prefix(2);
-  if (text.empty()) return false;
-  auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value, base);
-  return ec == std::errc() && end == text.data() + text.size();
+  return FirstLine(folder / name);
 }
 
 template <typename T>
 std::optional<T> numberAttribute(const fs::path& folder, const char* name, int base = 10) {
   auto text = attribute(folder, name);
   T value{};
-  if (!text || !parseNumber(*text, base, value)) return std::nullopt;
+  if (!text || !ParseWholeNumber(*text, base, value)) return std::nullopt;
   return value;
 }
 
@@ -103,7 +53,7 @@ uint32_t low32(uint64_t value) {
 std::optional<ProcNetDevRow> parseLine(std::string_view line) {
   size_t colon = line.find(':');
   if (colon == std::string_view::npos) return std::nullopt;
-  std::string_view name = trimmed(line.substr(0, colon));
+  std::string_view name = Trimmed(line.substr(0, colon));
   if (name.empty() || name.find_first_of(" \t") != std::string_view::npos) return std::nullopt;
   std::array<uint64_t, 16> counters{};
   std::string_view rest = line.substr(colon + 1);
@@ -115,7 +65,8 @@ std::optional<ProcNetDevRow> parseLine(std::string_view line) {
     size_t start = i;
     while (i < rest.size() && rest[i] != ' ' && rest[i] != '\t' && rest[i] != '\r') ++i;
     if (count == counters.size()) return std::nullopt;  // more fields than the format has
-    if (!parseNumber(rest.substr(start, i - start), 10, counters[count++])) return std::nullopt;
+    if (!ParseWholeNumber(rest.substr(start, i - start), 10, counters[count++]))
+      return std::nullopt;
   }
   if (count != counters.size()) return std::nullopt;
   ProcNetDevRow row;
@@ -191,7 +142,7 @@ void physicalAddress(const fs::path& folder, IfRow& row) {
   while (!rest.empty() && count < bytes.size() && count < *length) {
     size_t colon = rest.find(':');
     std::string_view part = rest.substr(0, colon);
-    if (part.size() > 2 || !parseNumber(part, 16, bytes[count])) return;  // not an address
+    if (part.size() > 2 || !ParseWholeNumber(part, 16, bytes[count])) return;  // not an address
     ++count;
     rest = colon == std::string_view::npos ? std::string_view() : rest.substr(colon + 1);
   }
@@ -260,7 +211,7 @@ ProcNetDevTable ParseProcNetDev(std::string_view text) {
     ++lineNumber;
     // The two header lines are the ones that draw the columns with "|".
     if (lineNumber <= 2 && line.find('|') != std::string_view::npos) continue;
-    if (trimmed(line).empty()) continue;
+    if (Trimmed(line).empty()) continue;
     if (auto row = parseLine(line))
       table.rows.push_back(std::move(*row));
     else
@@ -272,7 +223,7 @@ ProcNetDevTable ParseProcNetDev(std::string_view text) {
 IfTable LinuxAdapters::ifTable() {
   const fs::path root = root_.empty() ? fs::path("/") : fs::path(root_);
   bool missing = false;
-  auto text = readFile((root / "proc/net/dev").string(), &missing);
+  auto text = ReadSmallFile((root / "proc/net/dev").string(), &missing);
   if (!text) return {missing ? IfTable::Status::NotSupported : IfTable::Status::Failed, {}};
   IfTable table;
   const fs::path sysNet = root / "sys/class/net";

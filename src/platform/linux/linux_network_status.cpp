@@ -1,7 +1,5 @@
 #include "platform/linux/linux_network_status.h"
 
-#include <cerrno>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -10,6 +8,8 @@
 #include <sstream>
 #include <system_error>
 #include <vector>
+
+#include "platform/linux/small_files.h"
 
 namespace tessmark::platform::linux_backend {
 
@@ -34,28 +34,10 @@ constexpr unsigned long kIffLoopback = 0x8;
 constexpr unsigned long kRouteUp = 0x0001;
 constexpr unsigned long kRouteReject = 0x0200;
 
-// The first line of a small file with surrounding blanks cut; nullopt when it cannot be
-// read. Some sysfs attributes fail to read in some states (carrier of an interface that is
-// administratively down gives EINVAL), which is just "no value".
-std::optional<std::string> readValue(const fs::path& path) {
-  std::ifstream in(path);
-  if (!in) return std::nullopt;
-  std::string line;
-  if (!std::getline(in, line) && line.empty()) return std::nullopt;
-  const char* blanks = " \t\r\n";
-  size_t begin = line.find_first_not_of(blanks);
-  if (begin == std::string::npos) return std::string();
-  size_t end = line.find_last_not_of(blanks);
-  return line.substr(begin, end - begin + 1);
-}
-
 // A whole number in the given base, the whole text and nothing else.
 std::optional<unsigned long> readNumber(const std::string& text, int base) {
-  if (text.empty() || text[0] == '-' || text[0] == '+') return std::nullopt;
-  char* end = nullptr;
-  errno = 0;
-  unsigned long value = std::strtoul(text.c_str(), &end, base);
-  if (errno != 0 || end == text.c_str() || *end != '\0') return std::nullopt;
+  unsigned long value = 0;
+  if (!ParseWholeNumber(text, base, value)) return std::nullopt;
   return value;
 }
 
@@ -82,14 +64,14 @@ std::map<std::string, Interface> readInterfaces(const fs::path& folder) {
     if (error) break;
     const fs::path& path = entry->path();
     Interface interface;
-    if (auto type = readValue(path / "type")) {
+    if (auto type = FirstLine(path / "type")) {
       if (auto number = readNumber(*type, 10)) interface.type = static_cast<long>(*number);
     }
-    auto flags = readValue(path / "flags");
+    auto flags = FirstLine(path / "flags");
     auto flagBits = flags ? readNumber(*flags, 16) : std::nullopt;
     interface.loopback =
         interface.type == kTypeLoopback || (flagBits && (*flagBits & kIffLoopback) != 0);
-    interface.up = readValue(path / "operstate") == "up" || readValue(path / "carrier") == "1";
+    interface.up = FirstLine(path / "operstate") == "up" || FirstLine(path / "carrier") == "1";
     interfaces[path.filename().string()] = interface;
   }
   return interfaces;
