@@ -1,6 +1,7 @@
 #include "platform/linux/linux_adapters.h"
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <filesystem>
 #include <optional>
