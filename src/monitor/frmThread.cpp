@@ -1,5 +1,7 @@
 #include "monitor/frmThread.h"
 
+#include <cstdint>
+
 #include "monitor/booleans.h"
 #include "rules/modSetting.h"
 
@@ -62,14 +64,23 @@ void frmThread::updateLabels() {
   ui_.setBLabel(std::to_string(blocked));
 }
 
+bool frmThread::anyAlertOpen() {
+  for (int32_t i = 1; i <= main_.AlertCount; ++i)
+    if (!AlertForm(i).GetAlertPath().empty()) return true;
+  return false;
+}
+
 void frmThread::sweepAlerts() {
-  // Every alert is asked, without stopping at the first open one.
+  // Every alert is asked, without stopping at the first open one. The counter is wider than
+  // AlertCount, so a full table of 32767 ids ends the loop.
   bool anyOpen = false;
-  for (int16_t i = 1; i <= main_.AlertCount; ++i) {
+  for (int32_t i = 1; i <= main_.AlertCount; ++i) {
     CooperativeYield(pump_);
     if (!AlertForm(i).GetAlertPath().empty()) anyOpen = true;
   }
-  if (!anyOpen) {
+  // A command run during a yield may have swept the table and opened a new alert in it:
+  // the table is cleared only if, at this moment too, no alert is open.
+  if (!anyOpen && !anyAlertOpen()) {
     main_.AlertCount = 0;
     main_.AlertRows.clear();
     main_.AlertPids.clear();
@@ -82,10 +93,12 @@ void frmThread::Timer1_Timer() {
 }
 
 void frmThread::UnloadAllAlerts() {
-  for (int16_t i = 1; i <= main_.AlertCount; ++i) AlertForm(i).UnloadAlertForm();
+  for (int32_t i = 1; i <= main_.AlertCount; ++i) AlertForm(i).UnloadAlertForm();
 }
 
 frmAlert& frmThread::AlertForm(int32_t index) {
+  // Ids run from 1 to at most 32767; anything else names the unused element 0.
+  if (index < 0 || index > INT16_MAX) index = 0;
   if (AlertForms.size() <= static_cast<size_t>(index)) AlertForms.resize(index + 1);
   auto& form = AlertForms[index];
   if (!form)

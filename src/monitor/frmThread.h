@@ -125,6 +125,7 @@ class frmThread final : public ClosedPortListener {
   void displayPass(Side& side, int16_t showAll);
   void updateLabels();
   void sweepAlerts();
+  bool anyAlertOpen();
 
   modmain& main_;
   modPauseProcess& pause_;

@@ -57,7 +57,7 @@ void frmThread::writeBlocked(int16_t isTcp, int32_t index, std::string rating) {
 // through the TCP table, so a UDP index names whatever TCP row has that number.
 void frmThread::lockedSweep(Side& side) {
   side.lastIndex = static_cast<int16_t>(LastTableIndex(side.table));
-  for (int32_t i = 0; i <= side.lastIndex && i <= LastTableIndex(side.table); ++i) {
+  for (int32_t i = 0; i <= LastTableIndex(side.table); ++i) {
     ConnectionRecord& record = side.table[i];
     int32_t port = 0;
     std::string name;
@@ -67,8 +67,10 @@ void frmThread::lockedSweep(Side& side) {
 }
 
 void frmThread::decisionPass(Side& side) {
-  side.lastIndex = static_cast<int16_t>(LastTableIndex(side.table));
-  const int32_t last = side.lastIndex;
+  // The stored index is 16-bit; the walk goes by the table itself, so a table of more than
+  // 32768 rows is still walked whole.
+  const int32_t last = LastTableIndex(side.table);
+  side.lastIndex = static_cast<int16_t>(last);
   side.programs.freeGone(side.table, last);
   // TCP walks from the last row down, UDP from the first up.
   for (int32_t step = 0; step <= last; ++step) {
@@ -196,27 +198,28 @@ void frmThread::closedPortCheck(Side& side, int32_t i, ConnectionRecord& record)
 // more, so that each held connection is matched by one resume on the answer.
 void frmThread::holdWithAlert(AlertKind kind, Side& side, ConnectionRecord& record,
                               int16_t ruleIndex, const std::string& remote, int32_t crc) {
+  // A full alert table takes no more: the row is left alone rather than its program frozen
+  // with no id to resume it by.
+  if (main_.AlertCount >= INT16_MAX || main_.AlertCount < 0) return;
   int16_t open = 0;
-  for (int16_t s = 1; s <= main_.AlertCount && s > 0; ++s) {
+  for (int32_t s = 1; s <= main_.AlertCount; ++s) {
     if (EqualIgnoringCase(AlertForm(s).GetAlertPath(), record.ProcessPath)) {
-      open = s;
+      open = static_cast<int16_t>(s);
       break;
     }
   }
   auto grow = [this] {
     main_.AlertCount = static_cast<int16_t>(main_.AlertCount + 1);
-    if (main_.AlertCount < 1) return false;  // 32768 held connections: no slot left
     size_t size = static_cast<size_t>(main_.AlertCount) + 1;
     main_.AlertRows.resize(size);
     main_.AlertPids.resize(size);
     AlertForms.resize(std::max(AlertForms.size(), size));
-    return true;
   };
 
   if (open == 0) {
     pause_.SuspendThreads(record.ProcessId);
     if (kind == AlertKind::New) ruleIndex = addRuleRow(record.ProcessPath, crc, AccessAsk);
-    if (!grow()) return;
+    grow();
     const int16_t slot = main_.AlertCount;
     // A new question gets a new dialog: the ids of an answered one in this slot are gone.
     AlertForms[slot].reset();
@@ -245,7 +248,7 @@ void frmThread::holdWithAlert(AlertKind kind, Side& side, ConnectionRecord& reco
     return;
   }
 
-  if (!grow()) return;
+  grow();
   const int16_t id = main_.AlertCount;
   AlertForms[id].reset();  // the id's own element stays empty
   pause_.SuspendThreads(record.ProcessId);

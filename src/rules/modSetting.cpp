@@ -20,8 +20,9 @@ void ClearFileAttributes(const std::string& path) {
 std::string FormatRuleFile(const RuleList& list) {
   std::string text;
   const int16_t columns = list.ColumnCount();
-  for (int16_t row = 1; row <= list.Count(); ++row) {
-    const RuleRow& item = list.Item(row);
+  // The counter is wider than the list's 16-bit count, so a full list of 32767 rows ends.
+  for (int32_t row = 1; row <= list.Count(); ++row) {
+    const RuleRow& item = list.Item(static_cast<int16_t>(row));
     text += item.Key;
     text += '\t';
     text += item.Text;

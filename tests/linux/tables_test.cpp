@@ -348,7 +348,7 @@ TEST(LinuxTableDelete, DeletingALiveConnectionAbortsIt) {
   EXPECT_EQ(tables.tcpRowCount(), tables.tcpTable()->size());
 }
 
-TEST(LinuxTableDelete, ARowThatDoesNotExistFailsAndSparesItsListener) {
+TEST(LinuxTableDelete, ARowThatDoesNotExistOrListensFailsAndSparesTheListener) {
   TESSMARK_REQUIRE_PRIVATE_NETNS();
   Fd listener = Listen(41400);
   LinuxConnectionTables tables;
@@ -358,7 +358,9 @@ TEST(LinuxTableDelete, ARowThatDoesNotExistFailsAndSparesItsListener) {
   const TcpRow nowhere{5, kLoopback, htons(41401), kLoopback, htons(1)};
   EXPECT_NE(tables.deleteTcpRow(nowhere), 0u);
 
+  // A listening row is no connection: deleting it fails, and the service goes on.
   const TcpRow listenRow{2, kLoopback, htons(41400), 0, 0};
+  EXPECT_NE(tables.deleteTcpRow(listenRow), 0u);
   EXPECT_TRUE(FindRow(tables, [&](const TcpRow& r) { return r == listenRow; }));
   auto pair = ConnectPair(listener, 41400);
   EXPECT_GE(pair.second.get(), 0);

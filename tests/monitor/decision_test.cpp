@@ -398,6 +398,27 @@ TEST_F(Decisions, AProgramSeenOnTcpIsCheckedAgainOnUdpAndJoinsItsOpenAlert) {
   EXPECT_EQ(sim.suspensionDepth(42), 2);
 }
 
+TEST_F(Decisions, AFullAlertTableFreezesNothingMoreAndStillEnds) {
+  // 32766 ids held by an answered alert: room for one more.
+  main.AlertCount = 32766;
+  main.AlertRows.resize(32767);
+  main.AlertPids.resize(32767);
+  tcp(42, 3000);
+  tcp(42, 3001);
+  monitor.firewall();
+  EXPECT_EQ(main.AlertCount, 32767);
+  EXPECT_EQ(sim.suspensionDepth(42), 1);  // the second row found the table full
+  ASSERT_EQ(ui.alertsShown.size(), 1u);
+  EXPECT_EQ(ui.alertsShown[0].slot, 32767);
+
+  tcp(43, 3002);
+  monitor.firewall();  // a sweep over the whole table, with the alert open
+  EXPECT_EQ(main.AlertCount, 32767);
+  EXPECT_FALSE(sim.isFrozen(43));
+  monitor.UnloadAllAlerts();
+  EXPECT_FALSE(sim.isFrozen(42));
+}
+
 TEST_F(Decisions, TheListShowsOneRowPerProgramOrPerConnection) {
   tcp(42, 3000, 80, 5, "10.0.0.1");
   tcp(42, 3001, 80, 2, "0.0.0.0");

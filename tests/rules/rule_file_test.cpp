@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -171,6 +172,9 @@ TEST(RuleListLookup, HoldsAtMost32767Rows) {
   for (int i = 0; i < 32767; ++i) ASSERT_TRUE(list.Add("", "p"));
   EXPECT_FALSE(list.Add("", "p"));
   EXPECT_EQ(list.Count(), 32767);
+  // A full list is written whole: its row counter does not wrap.
+  std::string text = FormatRuleFile(list);
+  EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 32767);
 }
 
 }  // namespace

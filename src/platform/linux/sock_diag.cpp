@@ -159,6 +159,12 @@ int SockDiag::destroyTcp(const SocketTuple& tuple) {
       found->remoteAddr != tuple.remoteAddr || found->remotePort != tuple.remotePort)
     return ENOENT;
 
+  // A listening socket is not a connection: destroying it would close the service for good,
+  // long after the firewall has gone, and for a daemon of another user as well. Deleting a
+  // listening row fails, as a connection table does for it.
+  constexpr uint8_t kTcpListen = 10;  // TCP_LISTEN
+  if (found->state == kTcpListen) return EOPNOTSUPP;
+
   // 3. Destroy that socket by its cookie, so a socket that replaced it meanwhile is spared.
   const uint32_t cookie[2] = {static_cast<uint32_t>(found->cookie),
                               static_cast<uint32_t>(found->cookie >> 32)};
