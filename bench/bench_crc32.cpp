@@ -35,7 +35,6 @@ using namespace tessmark;
 constexpr size_t kFileSize = 200u << 20;
 constexpr size_t kMemorySize = 1u << 20;
 
-
 // A modChecksum on the simulated system; nothing is frozen for a path without a pid.
 struct Checksummer {
   platform::sim::SimSystem sim;

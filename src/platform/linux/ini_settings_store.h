@@ -27,8 +27,7 @@ class IniSettingsStore final : public SettingsStore {
   // $XDG_CONFIG_HOME, else $HOME/.config, looked up at each call.
   explicit IniSettingsStore(std::string configHome = {}) : configHome_(std::move(configHome)) {}
 
-  std::optional<std::string> readSetting(const std::string& application,
-                                         const std::string& section,
+  std::optional<std::string> readSetting(const std::string& application, const std::string& section,
                                          const std::string& key) override;
   bool writeSetting(const std::string& application, const std::string& section,
                     const std::string& key, const std::string& value) override;
