@@ -31,13 +31,13 @@ TEST_F(PauseRealProcess, StopsEveryThreadAndRunsAgainOnlyAfterAsManyResumes) {
   ASSERT_EQ(peer.error(), "");
 
   pause.SuspendThreads(peer.pid());
-  EXPECT_EQ(peer.state(), 'T');
+  EXPECT_TRUE(peer.held());
   pause.SuspendThreads(peer.pid());
   pause.ResumeThreads(peer.pid());
   // Still held once: give a wrongly continued process time to show it.
-  EXPECT_FALSE(peer.waitForState('T', false, std::chrono::milliseconds(200)));
+  EXPECT_FALSE(peer.waitUntilHeld(false, std::chrono::milliseconds(200)));
   pause.ResumeThreads(peer.pid());
-  EXPECT_TRUE(peer.waitForState('T', false));
+  EXPECT_TRUE(peer.waitUntilHeld(false));
 }
 
 TEST_F(PauseRealProcess, KillEndsAFrozenProgramAndIsSilentOnAGoneOne) {

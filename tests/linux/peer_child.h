@@ -22,6 +22,10 @@
 
 namespace tessmark::testing {
 
+inline bool IsHeldLetter(char state) {
+  return state == 'T' || state == 't';
+}
+
 class PeerChild {
  public:
   PeerChild(const std::string& name, std::vector<std::string> args) {
@@ -77,6 +81,22 @@ class PeerChild {
     auto stat = platform::linux_backend::ReadProcessStat(pid_);
     return stat ? stat->state : '?';
   }
+  // Stopped (T) or in a trace stop (t): the peer's main thread runs nothing.
+  bool held() const { return IsHeldLetter(state()); }
+  // Waits (bounded) until the peer is held (want true) or runs (want false).
+  bool waitUntilHeld(bool want, std::chrono::milliseconds limit = std::chrono::seconds(5)) const {
+    auto deadline = std::chrono::steady_clock::now() + limit;
+    for (;;) {
+      if (held() == want) return true;
+      if (std::chrono::steady_clock::now() >= deadline) return false;
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+  }
+  // Writes to the peer's stdin.
+  bool send(const std::string& text) const {
+    return write(stdin_, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+  }
+
   uint64_t startTime() const {
     auto stat = platform::linux_backend::ReadProcessStat(pid_);
     return stat ? stat->startTime : 0;
@@ -99,7 +119,9 @@ class PeerChild {
     for (;;) {
       int status = 0;
       pid_t got = waitpid(pid_, &status, WNOHANG);
-      if (got == pid_) {
+      // A trace stop of the firewall's shows here too (its tracer shares this process): only
+      // the end counts.
+      if (got == pid_ && (WIFEXITED(status) || WIFSIGNALED(status))) {
         reaped_ = true;
         return status;
       }

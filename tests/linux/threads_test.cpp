@@ -2,8 +2,11 @@
 // the steps of ending a process, and the ways held programs are continued after we end.
 
 #include <gtest/gtest.h>
+#include <linux/sched.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -19,6 +22,7 @@
 #include "linux/netns.h"
 #include "linux/peer_child.h"
 #include "platform/linux/linux_threads.h"
+#include "platform/linux/process_identities.h"
 #include "platform/linux/process_stat.h"
 
 namespace tessmark::platform::linux_backend {
@@ -69,7 +73,35 @@ std::filesystem::path FreshLedgerPath(const char* name) {
   ThreadPeerChild name(threads, busy);  \
   ASSERT_EQ(name.error(), "")
 
-TEST(ThreadsSuspension, ProcessRunsOnlyOnceEveryCountIsBackToZero) {
+// The state letter of one thread of `pid`.
+char ThreadState(pid_t pid, uint32_t tid) {
+  std::string path = "/proc/" + std::to_string(pid) + "/task/" + std::to_string(tid) + "/stat";
+  auto stat = ReadProcessStat(AT_FDCWD, path.c_str());
+  return stat ? stat->state : '?';
+}
+
+bool WaitForThreadCount(pid_t pid, size_t count) {
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+  while (std::chrono::steady_clock::now() < deadline) {
+    std::error_code ec;
+    auto tasks = std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task", ec);
+    if (!ec && static_cast<size_t>(std::distance(tasks, {})) == count) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return false;
+}
+
+void HoldAll(LinuxThreads& threads, pid_t pid) {
+  for (uint32_t id : ThreadIdsOf(threads, pid)) threads.suspendThread(id);
+}
+
+void ResumeAll(LinuxThreads& threads, pid_t pid) {
+  for (uint32_t id : ThreadIdsOf(threads, pid)) threads.resumeThread(id);
+}
+
+// Threads are held by trace, each on its own count, as the system counts suspensions per
+// thread: a thread runs again once its own count is back at 0.
+TEST(ThreadsSuspension, EachThreadRunsOnceItsOwnCountIsBackToZero) {
   TESSMARK_REQUIRE_PRIVATE_NETNS();
   START_PEER(peer, 3, /*busy=*/true);
   LinuxThreads threads;
@@ -79,25 +111,85 @@ TEST(ThreadsSuspension, ProcessRunsOnlyOnceEveryCountIsBackToZero) {
   ASSERT_NE(std::find(ids.begin(), ids.end(), static_cast<uint32_t>(peer.pid())), ids.end());
 
   for (uint32_t id : ids) EXPECT_EQ(threads.suspendThread(id), 0);
-  // The stop is confirmed before the first suspension returns: no waiting here.
-  EXPECT_EQ(peer.state(), 'T');
-  EXPECT_TRUE(AllThreadsIn(peer.pid(), 'T'));
+  // The stop is confirmed before each suspension returns: no waiting here.
+  EXPECT_TRUE(AllThreadsIn(peer.pid(), 't')) << "a trace stop, not a job-control stop";
   for (uint32_t id : ids) EXPECT_EQ(threads.suspendThread(id), 1);
-
   for (uint32_t id : ids) EXPECT_EQ(threads.resumeThread(id), 2);
-  EXPECT_EQ(peer.state(), 'T') << "one round of resumes must not continue it";
+  EXPECT_TRUE(AllThreadsIn(peer.pid(), 't')) << "one round of resumes must not let go";
 
-  for (size_t i = 0; i + 1 < ids.size(); ++i) EXPECT_EQ(threads.resumeThread(ids[i]), 1);
-  EXPECT_EQ(peer.state(), 'T') << "one thread still holds a count";
-  EXPECT_EQ(threads.resumeThread(ids.back()), 1);
-  EXPECT_TRUE(peer.waitForState('T', false)) << "continued after the last resume";
+  // Someone else's SIGCONT does not end a trace stop.
+  kill(peer.pid(), SIGCONT);
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  EXPECT_TRUE(AllThreadsIn(peer.pid(), 't'));
+
+  uint32_t last = ids.back();
+  for (uint32_t id : ids) {
+    if (id != last) {
+      EXPECT_EQ(threads.resumeThread(id), 1);
+      EXPECT_NE(ThreadState(peer.pid(), id), 't') << "thread " << id;
+    }
+  }
+  EXPECT_EQ(ThreadState(peer.pid(), last), 't') << "its count is still 1";
+  EXPECT_EQ(threads.resumeThread(last), 1);
+  EXPECT_TRUE(peer.waitUntilHeld(false));
+  EXPECT_NE(ThreadState(peer.pid(), last), 't');
 
   // A resume of a running thread changes nothing, and a new suspension counts from 0 again.
   EXPECT_EQ(threads.resumeThread(ids[0]), 0);
   EXPECT_EQ(threads.suspendThread(ids[0]), 0);
-  EXPECT_EQ(peer.state(), 'T');
+  EXPECT_EQ(ThreadState(peer.pid(), ids[0]), 't');
   EXPECT_EQ(threads.resumeThread(ids[0]), 1);
-  EXPECT_TRUE(peer.waitForState('T', false));
+  EXPECT_NE(ThreadState(peer.pid(), ids[0]), 't');
+}
+
+// The road for programs that cannot be traced: the whole process is stopped by signal while
+// any of its threads holds a count.
+TEST(ThreadsSuspension, BySignalTheProcessRunsOnlyOnceEveryCountIsBackToZero) {
+  TESSMARK_REQUIRE_PRIVATE_NETNS();
+  START_PEER(peer, 3, /*busy=*/true);
+  LinuxThreads threads({}, HoldMethod::kSignals);
+  std::vector<uint32_t> ids = ThreadIdsOf(threads, peer.pid());
+  ASSERT_EQ(ids.size(), 4u);
+
+  for (uint32_t id : ids) EXPECT_EQ(threads.suspendThread(id), 0);
+  EXPECT_TRUE(AllThreadsIn(peer.pid(), 'T'));
+  for (size_t i = 0; i + 1 < ids.size(); ++i) EXPECT_EQ(threads.resumeThread(ids[i]), 1);
+  EXPECT_EQ(peer.state(), 'T') << "one thread still holds a count";
+  EXPECT_EQ(threads.resumeThread(ids.back()), 1);
+  EXPECT_TRUE(peer.waitUntilHeld(false)) << "continued after the last resume";
+}
+
+class ThreadsByMethod : public ::testing::TestWithParam<HoldMethod> {};
+
+INSTANTIATE_TEST_SUITE_P(BothRoads, ThreadsByMethod,
+                         ::testing::Values(HoldMethod::kTrace, HoldMethod::kSignals),
+                         [](const auto& info) {
+                           return info.param == HoldMethod::kTrace ? "Trace" : "Signals";
+                         });
+
+// A program continued by someone else while held, one of whose threads then ends, is still
+// held by the next hold: no count of a thread that is gone keeps the hold from being taken.
+TEST_P(ThreadsByMethod, AHoldAfterAnOutsideContinueAndAThreadsEndStillHolds) {
+  TESSMARK_REQUIRE_PRIVATE_NETNS();
+  START_PEER(peer, 3, /*busy=*/false);
+  LinuxThreads threads({}, GetParam());
+  HoldAll(threads, peer.pid());
+  ASSERT_TRUE(peer.held());
+
+  kill(peer.pid(), SIGCONT);  // kill -CONT, or a shell's fg
+  ASSERT_TRUE(peer.send("e"));
+  if (GetParam() == HoldMethod::kSignals) {
+    ASSERT_TRUE(WaitForThreadCount(peer.pid(), 3)) << "continued, a worker ends at once";
+  }
+  ResumeAll(threads, peer.pid());
+  ASSERT_TRUE(WaitForThreadCount(peer.pid(), 3));
+  ASSERT_TRUE(peer.waitUntilHeld(false));
+
+  HoldAll(threads, peer.pid());
+  EXPECT_TRUE(peer.held()) << "state " << peer.state();
+  EXPECT_TRUE(AllThreadsIn(peer.pid(), GetParam() == HoldMethod::kTrace ? 't' : 'T'));
+  ResumeAll(threads, peer.pid());
+  EXPECT_TRUE(peer.waitUntilHeld(false));
 }
 
 TEST(ThreadsSuspension, ThreadsOutOfReachAnswerMinusOne) {
@@ -116,12 +208,13 @@ TEST(ThreadsSuspension, ThreadsOutOfReachAnswerMinusOne) {
   EXPECT_EQ(threads.resumeThread(static_cast<uint32_t>(gone)), -1);
 }
 
-TEST(ThreadsSuspension, LedgerListsHeldProcessesWhileTheyAreHeld) {
+// Only a stop by signal outlives us; a trace stop needs no ledger.
+TEST(ThreadsSuspension, LedgerListsProcessesStoppedBySignalWhileTheyAreHeld) {
   TESSMARK_REQUIRE_PRIVATE_NETNS();
   START_PEER(first, 2, /*busy=*/false);
   START_PEER(second, 0, /*busy=*/false);
   std::filesystem::path ledger = FreshLedgerPath("ledger-held");
-  LinuxThreads threads(ledger.string());
+  LinuxThreads threads(ledger.string(), HoldMethod::kSignals);
 
   ASSERT_EQ(threads.suspendThread(static_cast<uint32_t>(first.pid())), 0);
   std::string firstLine =
@@ -142,30 +235,30 @@ TEST(ThreadsSuspension, LedgerListsHeldProcessesWhileTheyAreHeld) {
   EXPECT_FALSE(std::filesystem::exists(ledger)) << "nothing held, no ledger";
 }
 
-TEST(ThreadsSuspension, ReleaseAllHoldsContinuesAndClearsCounts) {
+TEST_P(ThreadsByMethod, ReleaseAllHoldsContinuesAndClearsCounts) {
   TESSMARK_REQUIRE_PRIVATE_NETNS();
   START_PEER(peer, 2, /*busy=*/true);
   std::filesystem::path ledger = FreshLedgerPath("ledger-release");
-  LinuxThreads threads(ledger.string());
+  LinuxThreads threads(ledger.string(), GetParam());
   std::vector<uint32_t> ids = ThreadIdsOf(threads, peer.pid());
   ASSERT_EQ(ids.size(), 3u);
   for (uint32_t id : ids) threads.suspendThread(id);
   for (uint32_t id : ids) threads.suspendThread(id);
-  ASSERT_EQ(peer.state(), 'T');
+  ASSERT_TRUE(peer.held());
 
   threads.releaseAllHolds();
-  EXPECT_TRUE(peer.waitForState('T', false));
+  EXPECT_TRUE(peer.waitUntilHeld(false));
   EXPECT_FALSE(std::filesystem::exists(ledger));
   for (uint32_t id : ids) EXPECT_EQ(threads.resumeThread(id), 0);
 }
 
-TEST(ThreadsKill, FourStepsEndAFrozenChild) {
+TEST_P(ThreadsByMethod, FourStepsEndAFrozenChild) {
   TESSMARK_REQUIRE_PRIVATE_NETNS();
   START_PEER(peer, 2, /*busy=*/true);
   std::filesystem::path ledger = FreshLedgerPath("ledger-kill");
-  LinuxThreads threads(ledger.string());
-  for (uint32_t id : ThreadIdsOf(threads, peer.pid())) threads.suspendThread(id);
-  ASSERT_EQ(peer.state(), 'T');
+  LinuxThreads threads(ledger.string(), GetParam());
+  HoldAll(threads, peer.pid());
+  ASSERT_TRUE(peer.held());
 
   ProcessHandle handle = threads.openProcess(peer.pid());
   ASSERT_NE(handle, 0) << "errno " << threads.lastError();
@@ -231,7 +324,7 @@ TEST(ThreadsAfterTheEnd, LeftoverHoldsContinueOnlyTheSameStoppedProcess) {
   START_PEER(stranger, 1, /*busy=*/false);
   for (const ThreadPeerChild* peer : {&listed, &stranger}) {
     kill(peer->pid(), SIGSTOP);
-    ASSERT_TRUE(peer->waitForState('T', true));
+    ASSERT_TRUE(peer->waitUntilHeld(true));
   }
   std::filesystem::path ledger = FreshLedgerPath("ledger-leftover");
   {
@@ -242,52 +335,143 @@ TEST(ThreadsAfterTheEnd, LeftoverHoldsContinueOnlyTheSameStoppedProcess) {
   }
 
   LinuxThreads::ContinueLeftoverHolds(ledger.string());
-  EXPECT_TRUE(listed.waitForState('T', false));
+  EXPECT_TRUE(listed.waitUntilHeld(false));
   EXPECT_EQ(stranger.state(), 'T') << "another start time is another process";
   EXPECT_FALSE(std::filesystem::exists(ledger));
   LinuxThreads::ContinueLeftoverHolds(ledger.string());  // no ledger: nothing to do
 }
 
-TEST(ThreadsAfterTheEnd, FatalSignalContinuesHeldProcesses) {
+// A forked copy of this test that holds every thread of `peer` and then waits; the handlers
+// and signals of the test never touch the test process itself.
+class ForkedHolder {
+ public:
+  ForkedHolder(pid_t peer, HoldMethod method) {
+    int held[2], proceed[2];
+    if (pipe(held) != 0 || pipe(proceed) != 0) return;
+    pid_ = fork();
+    if (pid_ == 0) {
+      close(held[0]);
+      close(proceed[1]);
+      rlimit noCore{0, 0};
+      setrlimit(RLIMIT_CORE, &noCore);
+      LinuxThreads threads({}, method);
+      LinuxThreads::InstallFatalSignalRelease();
+      auto snapshot = threads.snapshot(peer);
+      char ok = snapshot ? 1 : 0;
+      if (snapshot)
+        for (const ThreadEntry& entry : *snapshot)
+          if (threads.suspendThread(entry.threadId) != 0) ok = 0;
+      (void)!write(held[1], &ok, 1);
+      char go = 0;
+      (void)!read(proceed[0], &go, 1);  // end of file too: the test gave up, end anyway
+      abort();
+    }
+    close(held[1]);
+    close(proceed[0]);
+    char ok = 0;
+    holding_ = pid_ > 0 && read(held[0], &ok, 1) == 1 && ok == 1;
+    close(held[0]);
+    proceed_ = proceed[1];
+  }
+  ~ForkedHolder() {
+    if (proceed_ >= 0) close(proceed_);
+  }
+  bool holding() const { return holding_; }
+  // Lets the holder abort; its wait status.
+  int abortIt() {
+    (void)!write(proceed_, "x", 1);
+    return reap();
+  }
+  int killIt() {
+    kill(pid_, SIGKILL);
+    return reap();
+  }
+
+ private:
+  int reap() {
+    int status = 0;
+    waitpid(pid_, &status, 0);
+    return status;
+  }
+  pid_t pid_ = -1;
+  int proceed_ = -1;
+  bool holding_ = false;
+};
+
+TEST_P(ThreadsByMethod, FatalSignalContinuesHeldProcesses) {
   TESSMARK_REQUIRE_PRIVATE_NETNS();
   START_PEER(peer, 2, /*busy=*/true);
-  int held[2], proceed[2];
-  ASSERT_EQ(pipe(held), 0);
-  ASSERT_EQ(pipe(proceed), 0);
-  // A forked copy of this test holds the peer and then aborts, so the handlers never touch
-  // the test process itself.
-  pid_t holder = fork();
-  ASSERT_GE(holder, 0);
-  if (holder == 0) {
-    close(held[0]);
-    close(proceed[1]);
-    rlimit noCore{0, 0};
-    setrlimit(RLIMIT_CORE, &noCore);
-    LinuxThreads threads;
-    LinuxThreads::InstallFatalSignalRelease();
-    auto snapshot = threads.snapshot(peer.pid());
-    char ok = snapshot ? 1 : 0;
-    if (snapshot)
-      for (const ThreadEntry& entry : *snapshot)
-        if (threads.suspendThread(entry.threadId) != 0) ok = 0;
-    (void)!write(held[1], &ok, 1);
-    char go = 0;
-    (void)!read(proceed[0], &go, 1);  // end of file too: the test gave up, let go anyway
-    abort();
-  }
-  close(held[1]);
-  close(proceed[0]);
-  char ok = 0;
-  ASSERT_EQ(read(held[0], &ok, 1), 1);
-  EXPECT_EQ(ok, 1);
-  EXPECT_EQ(peer.state(), 'T');
-  ASSERT_EQ(write(proceed[1], "x", 1), 1);
-  int status = 0;
-  ASSERT_EQ(waitpid(holder, &status, 0), holder);
+  ForkedHolder holder(peer.pid(), GetParam());
+  ASSERT_TRUE(holder.holding());
+  EXPECT_TRUE(peer.held());
+  int status = holder.abortIt();
   EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT) << "status " << status;
-  EXPECT_TRUE(peer.waitForState('T', false));
-  close(held[0]);
-  close(proceed[1]);
+  EXPECT_TRUE(peer.waitUntilHeld(false));
+}
+
+// SIGKILL leaves no handler a chance; a trace stop ends with its tracer all the same, so the
+// program runs on without waiting for the next start.
+TEST(ThreadsAfterTheEnd, KillingTheHolderLetsATracedProgramRunOn) {
+  TESSMARK_REQUIRE_PRIVATE_NETNS();
+  START_PEER(peer, 2, /*busy=*/true);
+  ForkedHolder holder(peer.pid(), HoldMethod::kTrace);
+  ASSERT_TRUE(holder.holding());
+  EXPECT_TRUE(peer.held());
+  int status = holder.killIt();
+  EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << "status " << status;
+  EXPECT_TRUE(peer.waitUntilHeld(false)) << "state " << peer.state();
+}
+
+// A child under a pid of our choosing (clone3 with set_tid); -1 when the system refuses.
+pid_t StartSleeperWithPid(pid_t pid) {
+  clone_args args{};
+  args.exit_signal = SIGCHLD;
+  args.set_tid = reinterpret_cast<uintptr_t>(&pid);
+  args.set_tid_size = 1;
+  long child = syscall(SYS_clone3, &args, sizeof args);
+  if (child == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    for (;;) pause();
+  }
+  return static_cast<pid_t>(child);
+}
+
+// Between a read of the tables and a freeze or kill, the owner may end and its pid go to
+// another program: that program is never held or killed.
+TEST(ThreadsIdentity, APidReusedSinceTheTablesWereReadIsNeverHeldOrKilled) {
+  TESSMARK_REQUIRE_PRIVATE_NETNS();
+  ProcessIdentities identities;
+  LinuxThreads threads({}, HoldMethod::kTrace, &identities);
+  pid_t reused = 0;
+  {
+    START_PEER(owner, 0, /*busy=*/false);
+    reused = owner.pid();
+    identities.remember(ProcessIdentities::kTcp, {static_cast<uint32_t>(reused)});
+    kill(owner.pid(), SIGKILL);
+    ASSERT_TRUE(owner.reap());
+  }
+  pid_t stranger = StartSleeperWithPid(reused);
+  if (stranger < 0)
+    GTEST_SKIP() << "cannot start a process under a chosen pid: " << strerror(errno);
+  ASSERT_EQ(stranger, reused);
+
+  EXPECT_EQ(threads.snapshot(reused), std::nullopt);
+  EXPECT_EQ(threads.suspendThread(static_cast<uint32_t>(reused)), -1);
+  EXPECT_EQ(threads.openProcess(reused), 0);
+  EXPECT_EQ(threads.lastError(), static_cast<uint32_t>(ESRCH));
+  auto stat = ReadProcessStat(stranger);
+  ASSERT_TRUE(stat);
+  EXPECT_FALSE(stat->state == 't' || stat->state == 'T');
+
+  // A fresh read that names the new process makes it the one the pid stands for.
+  identities.remember(ProcessIdentities::kTcp, {static_cast<uint32_t>(reused)});
+  EXPECT_EQ(threads.suspendThread(static_cast<uint32_t>(reused)), 0);
+  EXPECT_EQ(threads.resumeThread(static_cast<uint32_t>(reused)), 1);
+  // Forgotten once no table names it: no check, as for any pid the tables never named.
+  identities.remember(ProcessIdentities::kTcp, {});
+  EXPECT_FALSE(identities.isReused(reused));
+  kill(stranger, SIGKILL);
+  waitpid(stranger, nullptr, 0);
 }
 
 }  // namespace

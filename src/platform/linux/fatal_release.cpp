@@ -74,7 +74,8 @@ void InstallFatalReleaseHandlers() {
   // SA_NODEFER lets the re-raised signal act at once with the default action; SA_ONSTACK uses
   // an alternate stack where a thread has one (a stack overflow leaves no room otherwise).
   action.sa_flags = SA_RESETHAND | SA_NODEFER | SA_ONSTACK;
-  for (int sig : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT}) sigaction(sig, &action, nullptr);
+  for (int sig : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGSYS, SIGTRAP, SIGXCPU, SIGXFSZ})
+    sigaction(sig, &action, nullptr);
 }
 
 }  // namespace tessmark::platform::linux_backend

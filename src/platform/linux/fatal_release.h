@@ -15,8 +15,9 @@ void UnregisterFatalRelease(int32_t pid);
 // Sends SIGCONT to every registered process. Async-signal-safe.
 void ContinueRegisteredHolds();
 
-// Handlers for SIGSEGV, SIGBUS, SIGFPE, SIGILL and SIGABRT that continue every registered
-// process, then let the signal take its default course.
+// Handlers for the faults (SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGSYS, SIGTRAP) and the
+// exceeded limits (SIGXCPU, SIGXFSZ) that continue every registered process, then let the
+// signal take its default course.
 void InstallFatalReleaseHandlers();
 
 }  // namespace tessmark::platform::linux_backend

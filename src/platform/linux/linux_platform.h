@@ -11,6 +11,7 @@
 #include "platform/linux/linux_processes.h"
 #include "platform/linux/linux_tables.h"
 #include "platform/linux/linux_threads.h"
+#include "platform/linux/process_identities.h"
 #include "platform/platform.h"
 
 namespace tessmark::platform::linux_backend {
@@ -19,7 +20,8 @@ class LinuxPlatform final : public Platform {
  public:
   // holdLedgerPath: where the pids held frozen are noted, so that a later start can let go
   // of programs that a crash left stopped. Empty: no ledger.
-  explicit LinuxPlatform(std::string holdLedgerPath = {}) : threads_(std::move(holdLedgerPath)) {}
+  explicit LinuxPlatform(std::string holdLedgerPath = {})
+      : threads_(std::move(holdLedgerPath), HoldMethod::kTrace, &identities_) {}
 
   ConnectionTables& tables() override { return tables_; }
   Processes& processes() override { return processes_; }
@@ -31,6 +33,9 @@ class LinuxPlatform final : public Platform {
   Adapters& adapters() override { return adapters_; }
 
  private:
+  // Filled by each read of the tables, read before each hold or kill; declared first, as the
+  // others keep a pointer to it.
+  ProcessIdentities identities_;
   LinuxConnectionTables tables_;
   LinuxProcesses processes_;
   LinuxThreads threads_;

@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <chrono>
@@ -23,9 +24,6 @@
 namespace tessmark::platform::linux_backend {
 namespace {
 
-// How long a suspension waits to see every thread stopped. A signal is acted on at the next
-// kernel entry of each thread, which on a loaded machine can take a scheduler tick or two.
-constexpr auto kStopConfirmTimeout = std::chrono::milliseconds(200);
 constexpr auto kStopPollInterval = std::chrono::microseconds(200);
 
 int PidfdOpen(int32_t pid) {
@@ -92,7 +90,7 @@ bool AllThreadsHalted(int32_t pid) {
 }
 
 bool WaitUntilStopped(int32_t pid) {
-  auto deadline = std::chrono::steady_clock::now() + kStopConfirmTimeout;
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(200);
   while (!AllThreadsHalted(pid)) {
     if (std::chrono::steady_clock::now() >= deadline) return false;
     std::this_thread::sleep_for(kStopPollInterval);
@@ -100,9 +98,15 @@ bool WaitUntilStopped(int32_t pid) {
   return true;
 }
 
+// How long a hold waits to see a thread stopped. A stop takes effect at the thread's next
+// kernel entry, which on a loaded machine can take a scheduler tick or two.
+constexpr auto kStopConfirm = std::chrono::milliseconds(200);
+
 }  // namespace
 
-LinuxThreads::LinuxThreads(std::string ledgerPath) : ledgerPath_(std::move(ledgerPath)) {}
+LinuxThreads::LinuxThreads(std::string ledgerPath, HoldMethod method,
+                           const ProcessIdentities* identities)
+    : ledgerPath_(std::move(ledgerPath)), method_(method), identities_(identities) {}
 
 LinuxThreads::~LinuxThreads() {
   releaseAllHolds();
@@ -114,9 +118,13 @@ std::optional<std::vector<ThreadEntry>> LinuxThreads::snapshot(int32_t pid) {
   dropGone();
   char path[48];
   std::snprintf(path, sizeof path, "/proc/%d/task", static_cast<int>(pid));
-  DIR* dir = pid > 0 ? opendir(path) : nullptr;
+  if (pid <= 0 || isReused(pid)) {
+    lastError_ = pid <= 0 ? EINVAL : ESRCH;
+    return std::nullopt;
+  }
+  DIR* dir = opendir(path);
   if (dir == nullptr) {
-    lastError_ = pid > 0 ? static_cast<uint32_t>(errno) : EINVAL;
+    lastError_ = static_cast<uint32_t>(errno);
     return std::nullopt;
   }
   std::vector<ThreadEntry> threads;
@@ -134,7 +142,7 @@ std::optional<std::vector<ThreadEntry>> LinuxThreads::snapshot(int32_t pid) {
 }
 
 std::optional<int32_t> LinuxThreads::ownerOf(uint32_t threadId) {
-  if (auto it = counts_.find(threadId); it != counts_.end()) return it->second.pid;
+  if (auto it = threads_.find(threadId); it != threads_.end()) return it->second.pid;
   if (auto it = owners_.find(threadId); it != owners_.end()) {
     if (ThreadExists(it->second, threadId)) return it->second;
     owners_.erase(it);
@@ -144,99 +152,193 @@ std::optional<int32_t> LinuxThreads::ownerOf(uint32_t threadId) {
   return pid;
 }
 
+bool LinuxThreads::isReused(int32_t pid) const {
+  return identities_ != nullptr && identities_->isReused(pid);
+}
+
 int32_t LinuxThreads::suspendThread(uint32_t threadId) {
   std::lock_guard lock(mutex_);
   dropGone();
   std::optional<int32_t> pid = ownerOf(threadId);
-  if (!pid) {
-    lastError_ = ESRCH;
+  if (!pid || *pid == static_cast<int32_t>(getpid()) || isReused(*pid)) {
+    lastError_ = pid ? EPERM : ESRCH;
     return -1;
   }
-  if (!holds_.contains(*pid) && !hold(*pid)) return -1;
-  Count& count = counts_[threadId];
-  count.pid = *pid;
-  int32_t previous = count.count++;
-  ++holds_[*pid].total;
-  return previous;
+  auto it = threads_.find(threadId);
+  if (it == threads_.end()) {
+    ThreadHold thread;
+    if (!holdThread(threadId, *pid, thread)) return -1;
+    threads_.emplace(threadId, thread);
+    return 0;
+  }
+  // A process held by signal may have been continued by someone else meanwhile (kill -CONT,
+  // a shell's fg): another hold stops it again, so the count stays true to what runs.
+  if (ProcessHold* process = processHold(*pid); process && process->stoppedBySignal) {
+    std::optional<ProcessStat> stat = ReadProcessStat(*pid);
+    if (stat && !IsHaltedState(stat->state)) stopBySignal(*pid, *process);
+  }
+  return it->second.count++;
 }
 
 int32_t LinuxThreads::resumeThread(uint32_t threadId) {
   std::lock_guard lock(mutex_);
   dropGone();
-  if (auto it = counts_.find(threadId); it != counts_.end()) {
+  auto it = threads_.find(threadId);
+  if (it == threads_.end()) {
+    if (!ownerOf(threadId)) {
+      lastError_ = ESRCH;
+      return -1;
+    }
+    return 0;
+  }
+  int32_t previous = it->second.count--;
+  if (it->second.count == 0) {
     int32_t pid = it->second.pid;
-    int32_t previous = it->second.count--;
-    if (it->second.count == 0) counts_.erase(it);
-    if (auto hold = holds_.find(pid); hold != holds_.end() && --hold->second.total <= 0)
-      release(pid, true);
-    return previous;
+    letGo(threadId, it->second);
+    threads_.erase(it);
+    bool anyHeld = std::any_of(threads_.begin(), threads_.end(),
+                               [pid](const auto& entry) { return entry.second.pid == pid; });
+    if (!anyHeld) endProcessHold(pid, false);
   }
-  if (!ownerOf(threadId)) {
-    lastError_ = ESRCH;
-    return -1;
-  }
-  return 0;
+  return previous;
 }
 
-// Records the hold first and stops second, so that a crash in between still finds the
+LinuxThreads::ProcessHold* LinuxThreads::processHold(int32_t pid) {
+  auto it = processes_.find(pid);
+  return it == processes_.end() ? nullptr : &it->second;
+}
+
+// The first hold of a thread: by trace where allowed, else its whole process by signal.
+bool LinuxThreads::holdThread(uint32_t threadId, int32_t pid, ThreadHold& thread) {
+  ProcessHold* process = processHold(pid);
+  if (process == nullptr) {
+    int pidfd = PidfdOpen(pid);
+    if (pidfd < 0) {
+      lastError_ = static_cast<uint32_t>(errno);
+      return false;
+    }
+    std::optional<ProcessStat> stat = ReadProcessStat(pid);
+    if (!stat || stat->state == 'Z' || stat->state == 'X') {
+      close(pidfd);
+      lastError_ = ESRCH;
+      return false;
+    }
+    process = &processes_[pid];
+    *process = ProcessHold{stat->startTime, stat->parentPid, pidfd, false};
+  }
+  thread.pid = pid;
+  thread.count = 1;
+  if (method_ == HoldMethod::kTrace && !process->stoppedBySignal) {
+    thread.trace.tid = static_cast<pid_t>(threadId);
+    switch (SeizeAndStop(thread.trace, kStopConfirm)) {
+      case SeizeResult::kHeld:
+        thread.traced = true;
+        return true;
+      case SeizeResult::kGone:
+        lastError_ = ESRCH;
+        if (std::none_of(threads_.begin(), threads_.end(),
+                         [pid](const auto& entry) { return entry.second.pid == pid; }))
+          endProcessHold(pid, false);
+        return false;
+      case SeizeResult::kRefused:
+        break;  // a debugger has it, or we may not trace it: the signal road below
+    }
+  }
+  if (!process->stoppedBySignal && !stopBySignal(pid, *process)) {
+    lastError_ = static_cast<uint32_t>(errno);
+    endProcessHold(pid, false);
+    return false;
+  }
+  return true;
+}
+
+// Records the stop first and signals second, so that a crash in between still finds the
 // process listed and continues it.
-bool LinuxThreads::hold(int32_t pid) {
-  int pidfd = PidfdOpen(pid);
-  if (pidfd < 0) {
-    lastError_ = static_cast<uint32_t>(errno);
-    return false;
+bool LinuxThreads::stopBySignal(int32_t pid, ProcessHold& process) {
+  if (!process.stoppedBySignal) {
+    process.stoppedBySignal = true;
+    RegisterFatalRelease(pid, process.pidfd);
+    writeLedger();
   }
-  std::optional<ProcessStat> stat = ReadProcessStat(pid);
-  if (!stat || stat->state == 'Z' || stat->state == 'X') {
-    close(pidfd);
-    lastError_ = ESRCH;
-    return false;
-  }
-  holds_[pid] = Hold{0, stat->startTime, pidfd};
-  RegisterFatalRelease(pid, pidfd);
-  writeLedger();
-  if (!PidfdSignal(pidfd, SIGSTOP)) {
-    lastError_ = static_cast<uint32_t>(errno);
-    release(pid, false);
-    return false;
-  }
+  if (!PidfdSignal(process.pidfd, SIGSTOP)) return false;
   // Unconfirmed after the wait, the stop is still pending and takes effect as soon as the
   // threads enter the kernel; the hold stands either way.
   WaitUntilStopped(pid);
   return true;
 }
 
-void LinuxThreads::release(int32_t pid, bool sendContinue) {
-  auto it = holds_.find(pid);
-  if (it == holds_.end()) return;
-  if (sendContinue) PidfdSignal(it->second.pidfd, SIGCONT);
-  UnregisterFatalRelease(pid);
-  close(it->second.pidfd);
-  holds_.erase(it);
-  std::erase_if(counts_, [pid](const auto& entry) { return entry.second.pid == pid; });
-  writeLedger();
+void LinuxThreads::letGo(uint32_t threadId, ThreadHold& thread) {
+  (void)threadId;
+  if (thread.traced) Detach(thread.trace);
 }
 
+// Ends the hold of a process whose threads are all let go (or which ended): continues it if
+// it was stopped by signal, and takes the ends of traced threads so its parent hears of it.
+void LinuxThreads::endProcessHold(int32_t pid, bool ended) {
+  auto it = processes_.find(pid);
+  if (it == processes_.end()) return;
+  ProcessHold& process = it->second;
+  if (ended) {
+    // The main thread's end is taken last: the kernel reports it only after the others'.
+    std::vector<TracedThread> traced;
+    for (const auto& [tid, thread] : threads_)
+      if (thread.pid == pid && thread.traced) traced.push_back(thread.trace);
+    std::sort(traced.begin(), traced.end(), [pid](const TracedThread& a, const TracedThread& b) {
+      return b.tid == pid && a.tid != pid;
+    });
+    for (const TracedThread& thread : traced) ReapEnded(thread, pid, process.realParent);
+    std::erase_if(threads_, [pid](const auto& entry) { return entry.second.pid == pid; });
+  } else if (process.stoppedBySignal) {
+    PidfdSignal(process.pidfd, SIGCONT);
+  }
+  if (process.stoppedBySignal) UnregisterFatalRelease(pid);
+  bool wasLedgered = process.stoppedBySignal;
+  close(process.pidfd);
+  processes_.erase(it);
+  if (wasLedgered) writeLedger();
+}
+
+// Forgets what ended: processes gone, and threads that ended while their process lives on (a
+// count of a thread that no longer exists must not keep its process held for good).
 void LinuxThreads::dropGone() {
-  std::vector<int32_t> gone;
-  for (const auto& [pid, hold] : holds_)
-    if (PidfdExited(hold.pidfd)) gone.push_back(pid);
-  for (int32_t pid : gone) release(pid, false);
+  std::vector<int32_t> ended;
+  for (const auto& [pid, process] : processes_)
+    if (PidfdExited(process.pidfd)) ended.push_back(pid);
+  for (int32_t pid : ended) endProcessHold(pid, true);
+  std::vector<int32_t> emptied;
+  for (auto it = threads_.begin(); it != threads_.end();) {
+    if (ThreadExists(it->second.pid, it->first)) {
+      ++it;
+      continue;
+    }
+    int32_t pid = it->second.pid;
+    if (it->second.traced) ReapEnded(it->second.trace, pid, 0);
+    it = threads_.erase(it);
+    emptied.push_back(pid);
+  }
+  for (int32_t pid : emptied)
+    if (std::none_of(threads_.begin(), threads_.end(),
+                     [pid](const auto& entry) { return entry.second.pid == pid; }))
+      endProcessHold(pid, false);
 }
 
 void LinuxThreads::writeLedger() {
   if (ledgerPath_.empty()) return;
   std::vector<LedgerEntry> entries;
-  entries.reserve(holds_.size());
-  for (const auto& [pid, hold] : holds_) entries.push_back({pid, hold.startTime});
+  for (const auto& [pid, process] : processes_)
+    if (process.stoppedBySignal) entries.push_back({pid, process.startTime});
   WriteHoldLedger(ledgerPath_, entries);
 }
 
 ProcessHandle LinuxThreads::openProcess(int32_t pid) {
   std::lock_guard lock(mutex_);
-  int fd = pid > 0 ? PidfdOpen(pid) : -1;
+  if (pid <= 0 || isReused(pid)) {
+    lastError_ = pid <= 0 ? EINVAL : ESRCH;
+    return 0;
+  }
+  int fd = PidfdOpen(pid);
   if (fd < 0) {
-    lastError_ = pid > 0 ? static_cast<uint32_t>(errno) : EINVAL;
+    lastError_ = static_cast<uint32_t>(errno);
     return 0;
   }
   if (fd < 3) {
@@ -300,7 +402,9 @@ bool LinuxThreads::terminateProcess(ProcessHandle handle, uint32_t /*exitCode*/)
     lastError_ = static_cast<uint32_t>(errno);
     return false;
   }
-  release(it->second, false);
+  // A held program dies where it stands; its traced threads' ends are taken here so that its
+  // parent hears of the end at once.
+  if (processes_.contains(it->second)) endProcessHold(it->second, true);
   return true;
 }
 
@@ -326,10 +430,14 @@ uint32_t LinuxThreads::lastError() {
 
 void LinuxThreads::releaseAllHolds() {
   std::lock_guard lock(mutex_);
+  // A traced thread can be let go only by the thread that traces it; from any other thread
+  // the detach fails, and the kernel lets go when that thread ends (the engine's stop joins
+  // it before this runs).
+  for (auto& [tid, thread] : threads_) letGo(tid, thread);
+  threads_.clear();
   std::vector<int32_t> held;
-  for (const auto& [pid, hold] : holds_) held.push_back(pid);
-  for (int32_t pid : held) release(pid, true);
-  counts_.clear();
+  for (const auto& [pid, process] : processes_) held.push_back(pid);
+  for (int32_t pid : held) endProcessHold(pid, false);
 }
 
 void LinuxThreads::InstallFatalSignalRelease() {

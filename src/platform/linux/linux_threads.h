@@ -1,9 +1,15 @@
 #pragma once
-// Threads, their suspension and ending a process, on Linux. Linux cannot stop one thread of a
-// process from outside, so the suspension counts live here, per thread id: the process is
-// stopped with SIGSTOP while any of its threads has a count above 0 and continued with
-// SIGCONT when all are back to 0. Every stop is recorded (a table the fatal-signal handler
-// can walk, and an optional ledger file) so that no program stays frozen after we end.
+// Threads, their suspension and ending a process, on Linux. Suspension counts live here, per
+// thread id. A thread is held by ptrace while its count is above 0 (see trace_hold.h): the
+// hold is invisible to the program's parent and to a shell's job control, and the kernel lets
+// go of it if we die. Where tracing is refused (a debugger traces the program already, or we
+// may not trace it), the process is held the old way instead: stopped with SIGSTOP while any
+// of its threads has a count above 0 and continued with SIGCONT when all are back at 0. Such
+// stops are recorded (a table the fatal-signal handler can walk, and an optional ledger file)
+// so that no program stays frozen after we end.
+//
+// Holding and letting go must be asked from one thread (the engine's): the kernel ties a
+// traced thread to the thread that traces it.
 
 #include <cstdint>
 #include <mutex>
@@ -12,14 +18,23 @@
 #include <unordered_map>
 #include <vector>
 
+#include "platform/linux/process_identities.h"
+#include "platform/linux/trace_hold.h"
 #include "platform/platform.h"
 
 namespace tessmark::platform::linux_backend {
 
+// How threads are held. kSignals is the fallback's road taken for every process; tests use it
+// to exercise that road on programs that could be traced.
+enum class HoldMethod { kTrace, kSignals };
+
 class LinuxThreads final : public Threads {
  public:
-  // `ledgerPath`: where the held processes are listed while any is held; empty for none.
-  explicit LinuxThreads(std::string ledgerPath = {});
+  // `ledgerPath`: where the processes stopped by signal are listed while any is; empty for
+  // none. `identities`: the processes the last tables named, so that a pid reused since is
+  // never held or killed; null for no such check.
+  explicit LinuxThreads(std::string ledgerPath = {}, HoldMethod method = HoldMethod::kTrace,
+                        const ProcessIdentities* identities = nullptr);
   ~LinuxThreads() override;
   LinuxThreads(const LinuxThreads&) = delete;
   LinuxThreads& operator=(const LinuxThreads&) = delete;
@@ -38,8 +53,9 @@ class LinuxThreads final : public Threads {
 
   void releaseAllHolds() override;
 
-  // Continues every held process if this program dies of SIGSEGV, SIGBUS, SIGFPE, SIGILL or
-  // SIGABRT, then lets the signal end it as it would have.
+  // Continues every process held by signal if this program dies of a fatal signal (see
+  // fatal_release.h), then lets the signal end it as it would have. Traced threads need no
+  // help: the kernel lets them go.
   static void InstallFatalSignalRelease();
 
   // At start: continues the processes a previous run left stopped, as its ledger lists them,
@@ -48,27 +64,38 @@ class LinuxThreads final : public Threads {
   static void ContinueLeftoverHolds(const std::string& ledgerPath);
 
  private:
-  struct Hold {
-    int32_t total = 0;  // sum of the counts of the process's threads
-    uint64_t startTime = 0;
-    int pidfd = -1;
-  };
-  struct Count {
+  // One thread with a count above 0.
+  struct ThreadHold {
     int32_t pid = 0;
     int32_t count = 0;
+    bool traced = false;
+    TracedThread trace;
+  };
+  // A process with at least one held thread.
+  struct ProcessHold {
+    uint64_t startTime = 0;
+    int32_t realParent = 0;
+    int pidfd = -1;
+    bool stoppedBySignal = false;
   };
 
   std::optional<int32_t> ownerOf(uint32_t threadId);
-  bool hold(int32_t pid);
-  void release(int32_t pid, bool sendContinue);
+  bool isReused(int32_t pid) const;
+  ProcessHold* processHold(int32_t pid);
+  bool holdThread(uint32_t threadId, int32_t pid, ThreadHold& thread);
+  bool stopBySignal(int32_t pid, ProcessHold& process);
+  void letGo(uint32_t threadId, ThreadHold& thread);
+  void endProcessHold(int32_t pid, bool ended);
   void dropGone();
   void writeLedger();
 
   std::mutex mutex_;
   std::string ledgerPath_;
-  std::unordered_map<uint32_t, int32_t> owners_;  // from the last snapshot
-  std::unordered_map<uint32_t, Count> counts_;    // threads with a count above 0
-  std::unordered_map<int32_t, Hold> holds_;       // processes we keep stopped
+  HoldMethod method_;
+  const ProcessIdentities* identities_;
+  std::unordered_map<uint32_t, int32_t> owners_;        // from the last snapshot
+  std::unordered_map<uint32_t, ThreadHold> threads_;    // threads with a count above 0
+  std::unordered_map<int32_t, ProcessHold> processes_;  // processes with such threads
   std::unordered_map<ProcessHandle, int32_t> handles_;
   uint32_t lastError_ = 0;
 };

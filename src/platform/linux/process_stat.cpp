@@ -12,7 +12,7 @@ std::optional<ProcessStat> ParseProcessStat(std::string_view text) {
   size_t close = text.rfind(')');
   if (close == std::string_view::npos) return std::nullopt;
   std::string_view rest = text.substr(close + 1);
-  // After ')' come field 3 (state) up to field 52; the start time is field 22.
+  // After ')' come field 3 (state) up to field 52; the parent is field 4, the start time 22.
   ProcessStat stat;
   int field = 2;
   size_t pos = 0;
@@ -26,6 +26,9 @@ std::optional<ProcessStat> ParseProcessStat(std::string_view text) {
     if (field == 3) {
       if (token.size() != 1) return std::nullopt;
       stat.state = token[0];
+    } else if (field == 4) {
+      auto [p, ec] = std::from_chars(token.data(), token.data() + token.size(), stat.parentPid);
+      if (ec != std::errc() || p != token.data() + token.size()) return std::nullopt;
     } else if (field == 22) {
       auto [p, ec] = std::from_chars(token.data(), token.data() + token.size(), stat.startTime);
       if (ec != std::errc() || p != token.data() + token.size()) return std::nullopt;

@@ -1,5 +1,5 @@
 #pragma once
-// The two fields of /proc/<pid>/stat the hold logic needs. The command name in that line is
+// The fields of /proc/<pid>/stat the hold logic needs. The command name in that line is
 // chosen by the program and may hold spaces and ')', so fields are counted from the LAST ')'.
 
 #include <cstdint>
@@ -10,6 +10,7 @@ namespace tessmark::platform::linux_backend {
 
 struct ProcessStat {
   char state = '?';        // R, S, D, T (stopped), t (traced), Z, X, ...
+  int32_t parentPid = 0;   // the real parent, which is told when the process ends
   uint64_t startTime = 0;  // clock ticks after boot: with the pid, names one process for good
 };
 

@@ -1,0 +1,93 @@
+#include "platform/linux/trace_hold.h"
+
+#include <signal.h>
+#include <sys/ptrace.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <optional>
+#include <thread>
+
+#include "platform/linux/process_stat.h"
+
+namespace tessmark::platform::linux_backend {
+namespace {
+
+constexpr auto kPollInterval = std::chrono::microseconds(50);
+constexpr auto kStopConfirm = std::chrono::milliseconds(200);
+
+template <class Step>
+bool PollUntil(std::chrono::microseconds wait, Step step) {
+  auto deadline = std::chrono::steady_clock::now() + wait;
+  for (;;) {
+    if (step()) return true;
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(kPollInterval);
+  }
+}
+
+}  // namespace
+
+SeizeResult SeizeAndStop(TracedThread& thread, std::chrono::microseconds wait) {
+  thread.stopSeen = false;
+  thread.pendingSignal = 0;
+  if (ptrace(PTRACE_SEIZE, thread.tid, nullptr, nullptr) != 0)
+    return errno == ESRCH ? SeizeResult::kGone : SeizeResult::kRefused;
+  if (ptrace(PTRACE_INTERRUPT, thread.tid, nullptr, nullptr) != 0) return SeizeResult::kGone;
+  CollectStop(thread, wait);
+  return SeizeResult::kHeld;
+}
+
+bool CollectStop(TracedThread& thread, std::chrono::microseconds wait) {
+  bool tracee = true;
+  PollUntil(wait, [&] {
+    if (thread.stopSeen) return true;
+    // Stops only: an ended thread is left for ReapEnded, which knows whose end it is to take.
+    siginfo_t info{};
+    if (waitid(P_PID, static_cast<id_t>(thread.tid), &info, WSTOPPED | WNOHANG | __WALL) != 0) {
+      tracee = false;
+      return true;
+    }
+    if (info.si_pid != thread.tid) {
+      // Another thread of this process may have taken the report first: a parent's wait from
+      // the tracer's own process sees its traced children's stops too. The state tells.
+      std::optional<ProcessStat> stat = ReadProcessStat(thread.tid);
+      thread.stopSeen = stat && stat->state == 't';
+      return thread.stopSeen;
+    }
+    // A trace stop reports its signal in the low byte and the ptrace event above it. The
+    // interrupt's own stop and a group stop carry PTRACE_EVENT_STOP; with no event, the thread
+    // stopped on its way to take a signal, which must not be lost.
+    int event = (info.si_status >> 8) & 0xff;
+    if (info.si_code == CLD_TRAPPED && event == 0) thread.pendingSignal = info.si_status & 0x7f;
+    thread.stopSeen = true;
+    return true;
+  });
+  return tracee;
+}
+
+bool Detach(TracedThread& thread) {
+  auto signal = reinterpret_cast<void*>(static_cast<intptr_t>(thread.pendingSignal));
+  // The kernel lets go only of a thread in its trace stop; one whose stop is still due (it was
+  // in an uninterruptible sleep) is waited for.
+  bool tracee = true;
+  bool detached = PollUntil(kStopConfirm, [&] {
+    if (ptrace(PTRACE_DETACH, thread.tid, nullptr, signal) == 0) return true;
+    tracee = CollectStop(thread, std::chrono::microseconds(0));
+    return !tracee;
+  });
+  return detached && tracee;
+}
+
+void ReapEnded(const TracedThread& thread, pid_t processId, pid_t realParent) {
+  if (thread.tid == processId && realParent == getpid()) return;
+  PollUntil(std::chrono::milliseconds(200), [&] {
+    siginfo_t info{};
+    int result = waitid(P_PID, static_cast<id_t>(thread.tid), &info, WEXITED | WNOHANG | __WALL);
+    return result != 0 || info.si_pid == thread.tid;
+  });
+}
+
+}  // namespace tessmark::platform::linux_backend
