@@ -448,7 +448,7 @@ Try FreezeTry(RealFirewall& firewall, int i) {
   auto deadline = std::chrono::steady_clock::now() + 10s;
   while (!stoppedAt && std::chrono::steady_clock::now() < deadline) {
     auto stat = platform::linux_backend::ReadProcessStat(client.pid());
-    if (stat && stat->state == 'T')
+    if (stat && (stat->state == 'T' || stat->state == 't'))
       stoppedAt = MonotonicNs();
     else
       std::this_thread::sleep_for(100us);

@@ -57,12 +57,14 @@ class PeerChild {
       error_ = "fork failed";
       return;
     }
+    // The read end stays open: a peer that reports more must not die of a closed pipe.
+    stdout_ = out[0];
     readReady(out[0]);
-    close(out[0]);
   }
 
   ~PeerChild() {
     if (stdin_ >= 0) close(stdin_);
+    if (stdout_ >= 0) close(stdout_);
     if (pid_ > 0 && !reaped_) {
       kill(pid_, SIGKILL);
       waitpid(pid_, nullptr, 0);
@@ -152,6 +154,7 @@ class PeerChild {
 
   pid_t pid_ = -1;
   int stdin_ = -1;
+  int stdout_ = -1;
   bool reaped_ = false;
   std::string error_;
 };
