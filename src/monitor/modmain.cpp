@@ -53,6 +53,15 @@ bool countChanged(uint32_t dwNumEntries, int16_t& lastCount) {
   return !equal;
 }
 
+// True when the system opened a TCP connection since the last poll. A count that cannot be
+// read changes nothing and leaves the stored one, so an open seen again later still counts.
+bool opensChanged(std::optional<uint32_t> opens, std::optional<uint32_t>& lastOpens) {
+  if (!opens) return false;
+  bool changed = lastOpens.has_value() && *opens != *lastOpens;
+  lastOpens = opens;
+  return changed;
+}
+
 // Where a row goes in the local array. Unfiltered, row i is record i of an array sized to
 // count + 1 up front. Filtered, the index is LastTableIndex + 1, which is the current upper
 // bound: every kept row lands on record 0 and overwrites the one before.
@@ -71,8 +80,12 @@ bool isFilteredOut(uint32_t localAddr) {
 }  // namespace
 
 int16_t modmain::GetTCPConnections(int16_t allRows, int16_t force) {
-  if (force == kFalse && !countChanged(probeCount(system_.tables().tcpRowCount()), LastTcpCount)) {
-    return kFalse;
+  if (force == kFalse) {
+    // Both are read on every poll, so neither stored value goes stale. The opens are read
+    // before the table: a connection opened after this read moves them again next poll.
+    bool counted = countChanged(probeCount(system_.tables().tcpRowCount()), LastTcpCount);
+    bool opened = opensChanged(system_.tables().tcpOpenCount(), LastTcpOpens);
+    if (!counted && !opened) return kFalse;
   }
   auto block = system_.tables().tcpTable();
   if (!block) return kFalse;

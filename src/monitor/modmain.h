@@ -2,7 +2,8 @@
 // modmain, the snapshot side: cheap probes of the two connection tables' row counts, and
 // full reads with owners into TcpConnections and UdpConnections when a count has changed.
 // No previous table is kept: a table has changed when its row count differs from the last
-// probe's, and for no other reason.
+// probe's, or, for TCP, when the system opened a connection since the last probe: a program
+// that closes one socket as it opens a connection leaves the count where it was.
 
 #include <cstdint>
 #include <optional>
@@ -65,8 +66,9 @@ class modmain {
   modmain(platform::Platform& system, modprocs& procs, MessagePump& pump)
       : system_(system), procs_(procs), pump_(pump) {}
 
-  // -1 when TcpConnections was replaced; 0 when the count was unchanged or the table could
-  // not be read. allRows false is the filtered mode, which no caller uses.
+  // -1 when TcpConnections was replaced; 0 when neither the count nor the count of opened
+  // connections changed, or the table could not be read. allRows false is the filtered mode,
+  // which no caller uses. A forced read probes nothing and leaves both stored counts.
   int16_t GetTCPConnections(int16_t allRows, int16_t force);
   int16_t GetUDPConnections(int16_t allRows, int16_t force);
 
@@ -81,6 +83,9 @@ class modmain {
   ConnectionTable UdpConnections;
   int16_t LastTcpCount = 0;
   int16_t LastUdpCount = 0;
+  // The system's count of opened TCP connections at the last poll that could read it; none
+  // before the first. The first value read is where counting starts, not a change.
+  std::optional<uint32_t> LastTcpOpens;
 
   // The Internet lock: a poll that sees a change breaks every row instead of judging.
   int16_t InternetLocked = 0;

@@ -48,6 +48,12 @@ class ConnectionTables {
   virtual std::optional<uint32_t> tcpRowCount() = 0;
   virtual std::optional<uint32_t> udpRowCount() = 0;
 
+  // How many TCP connections the system has opened so far, by any program's connect() and by
+  // any listener taking one in: a counter that only grows (wrapping at 2^32), which a closed
+  // connection never lowers. A connection opened as another closed moves it while the row
+  // count stays where it was. As cheap as the counts above; nullopt when it is unknown.
+  virtual std::optional<uint32_t> tcpOpenCount() = 0;
+
   // The full tables with owner ids, in the system's order. Their rows are exactly what the
   // counts above count. nullopt when the source failed.
   virtual std::optional<std::vector<TcpOwnerRow>> tcpTable() = 0;
@@ -105,6 +111,10 @@ class Threads {
   // Lifts every suspension this backend holds. The exit paths call it so that no program
   // stays frozen after the firewall has gone.
   virtual void releaseAllHolds() = 0;
+
+  // Raises the calling thread's scheduling priority where the system permits it, so that the
+  // engine's poll keeps its pace while busy programs load the machine. False when it stays.
+  virtual bool raiseCallingThreadPriority() { return false; }
 };
 
 // The exit code a running process reports.

@@ -180,21 +180,24 @@ TEST_F(CapturedProcTree, TableRowsAreWhatTheCapturedCountCounts) {
   const TcpRow client{5, kLoopback, htons(60720), kLoopback, htons(40000)};
   const TcpRow closeWait{8, kLoopback, htons(40000), kLoopback, htons(60752)};
   const TcpRow server{5, kLoopback, htons(40000), kLoopback, htons(60720)};
+  // In the table's order, ports as numbers: 40000 before 60720, remote 60720 before 60752.
   EXPECT_EQ((*tcp)[0].row, listener);
-  EXPECT_EQ((*tcp)[1].row, client);
+  EXPECT_EQ((*tcp)[1].row, server);
   EXPECT_EQ((*tcp)[2].row, closeWait);
-  EXPECT_EQ((*tcp)[3].row, server);
+  EXPECT_EQ((*tcp)[3].row, client);
   EXPECT_EQ((*tcp)[0].dwProcessId, 0u);
-  EXPECT_EQ((*tcp)[1].dwProcessId, 4242u);
-  EXPECT_EQ((*tcp)[3].dwProcessId, 0u);
+  EXPECT_EQ((*tcp)[1].dwProcessId, 0u);
+  EXPECT_EQ((*tcp)[3].dwProcessId, 4242u);
 
   auto udp = tables.udpTable();
   ASSERT_TRUE(udp.has_value());
   ASSERT_EQ(udp->size(), 2u);
-  EXPECT_EQ((*udp)[0].dwLocalAddr, kLoopback);
-  EXPECT_EQ((*udp)[0].dwLocalPort, htons(40001));
-  EXPECT_EQ((*udp)[0].dwProcessId, 4242u);
-  EXPECT_EQ((*udp)[1].dwProcessId, 0u);
+  // The connected socket's port 35395 comes before the bound 40001.
+  EXPECT_EQ((*udp)[0].dwLocalPort, htons(35395));
+  EXPECT_EQ((*udp)[0].dwProcessId, 0u);
+  EXPECT_EQ((*udp)[1].dwLocalAddr, kLoopback);
+  EXPECT_EQ((*udp)[1].dwLocalPort, htons(40001));
+  EXPECT_EQ((*udp)[1].dwProcessId, 4242u);
 }
 
 TEST_F(CapturedProcTree, ASocketSharedAfterAForkBelongsToTheOlderProcess) {
@@ -205,7 +208,7 @@ TEST_F(CapturedProcTree, ASocketSharedAfterAForkBelongsToTheOlderProcess) {
   LinuxConnectionTables tables(root_.string(), TableSource::kProcNetOnly);
   auto tcp = tables.tcpTable();
   ASSERT_TRUE(tcp.has_value());
-  EXPECT_EQ((*tcp)[1].dwProcessId, 4242u);
+  EXPECT_EQ((*tcp)[3].dwProcessId, 4242u);  // the client row
 }
 
 TEST_F(CapturedProcTree, MissingSourcesGiveNoTableRatherThanAnEmptyOne) {

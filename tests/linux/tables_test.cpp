@@ -87,6 +87,40 @@ std::pair<Fd, Fd> ConnectPair(const Fd& listener, uint16_t port) {
   return {std::move(client), std::move(server)};
 }
 
+sockaddr_in At(const char* address, uint16_t port) {
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_port = htons(port);
+  addr.sin_addr.s_addr = inet_addr(address);
+  return addr;
+}
+
+// A listener that accepts nothing unless the test does; `option` (SO_REUSEADDR or
+// SO_REUSEPORT) is set before bind.
+Fd ListenAt(sockaddr_in addr, int option = SO_REUSEADDR) {
+  Fd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  int one = 1;
+  ::setsockopt(fd.get(), SOL_SOCKET, option, &one, sizeof one);
+  EXPECT_EQ(::bind(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0)
+      << std::strerror(errno);
+  EXPECT_EQ(::listen(fd.get(), 64), 0);
+  return fd;
+}
+
+// A TCP client connected to `to`, from `from` when given.
+Fd ConnectTo(sockaddr_in to, std::optional<sockaddr_in> from = std::nullopt) {
+  Fd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (from) {
+    int one = 1;
+    ::setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+    EXPECT_EQ(::bind(fd.get(), reinterpret_cast<sockaddr*>(&*from), sizeof *from), 0)
+        << std::strerror(errno);
+  }
+  EXPECT_EQ(::connect(fd.get(), reinterpret_cast<sockaddr*>(&to), sizeof to), 0)
+      << std::strerror(errno);
+  return fd;
+}
+
 Fd Udp(std::optional<uint16_t> bindPort, std::optional<uint16_t> connectPort) {
   Fd fd(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   if (bindPort) {
@@ -125,6 +159,33 @@ std::optional<TcpOwnerRow> FindRow(LinuxConnectionTables& tables,
   for (const TcpOwnerRow& r : *table)
     if (match(r.row)) return r;
   return std::nullopt;
+}
+
+// The server's row of a connection a client made: the client's two ends, swapped.
+std::optional<TcpOwnerRow> ServerRowOf(const std::vector<TcpOwnerRow>& table, const Fd& client) {
+  sockaddr_in self{}, peer{};
+  socklen_t length = sizeof self;
+  ::getsockname(client.get(), reinterpret_cast<sockaddr*>(&self), &length);
+  length = sizeof peer;
+  ::getpeername(client.get(), reinterpret_cast<sockaddr*>(&peer), &length);
+  for (const TcpOwnerRow& r : table) {
+    if (r.row.dwLocalAddr == peer.sin_addr.s_addr && r.row.dwLocalPort == peer.sin_port &&
+        r.row.dwRemoteAddr == self.sin_addr.s_addr && r.row.dwRemotePort == self.sin_port)
+      return r;
+  }
+  return std::nullopt;
+}
+
+// "127.0.0.1:80" from raw fields.
+std::string Endpoint(uint32_t rawAddr, uint32_t rawPort) {
+  char text[INET_ADDRSTRLEN] = {};
+  in_addr addr{rawAddr};
+  ::inet_ntop(AF_INET, &addr, text, sizeof text);
+  return std::string(text) + ":" + std::to_string(ntohs(static_cast<uint16_t>(rawPort)));
+}
+
+const char* SourceName(TableSource source) {
+  return source == TableSource::kNetlinkOnly ? "netlink" : "/proc/net";
 }
 
 auto Key(const TcpOwnerRow& r) {
@@ -324,6 +385,132 @@ TEST(LinuxTableRows, OrphanedConnectionIsARowWithoutOwner) {
   EXPECT_EQ(orphan->dwProcessId, 0u);
   EXPECT_EQ(tables.tcpRowCount(), tables.tcpTable()->size());
   // Closing the server with unread data resets the orphan, so it does not outlive the test.
+}
+
+// A connection whose handshake is done but that no accept() has taken has no file yet, so no
+// socket inode: it belongs to the program listening on its local address and port.
+TEST(LinuxTableRows, AConnectionNotYetAcceptedBelongsToItsListener) {
+  TESSMARK_REQUIRE_PRIVATE_NETNS();
+  // The peer listens on 127.0.0.1:42400 and on 0.0.0.0:42410; it accepts nothing.
+  testing::PeerChild peer("socket_peer", {"listen", "42400", "listen-any", "42410"});
+  ASSERT_EQ(peer.error(), "");
+  // This process listens on 127.0.0.1:42410 beside the peer's wildcard, accepting nothing.
+  Fd exact = ListenAt(At("127.0.0.1", 42410), SO_REUSEPORT);
+  Fd plain = Listen(42420);
+
+  Fd queued = ConnectTo(At("127.0.0.1", 42400));
+  Fd halfClosed = ConnectTo(At("127.0.0.1", 42400));
+  ::shutdown(halfClosed.get(), SHUT_WR);  // its server end goes to CLOSE_WAIT still queued
+  Fd viaWildcard = ConnectTo(At("127.0.0.2", 42410));  // only 0.0.0.0 listens on 127.0.0.2
+  Fd viaExact = ConnectTo(At("127.0.0.1", 42410));     // the exact address is looked up first
+  // Accepted and closed by the server while its data waits for a client that does not read:
+  // its end lives on in FIN_WAIT1 without a file, on the listener's port, held by nobody.
+  auto [closedClient, closedServer] = ConnectPair(plain, 42420);
+  int small = 4096;
+  ::setsockopt(closedClient.get(), SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+  ::fcntl(closedServer.get(), F_SETFL, O_NONBLOCK);
+  std::vector<char> data(65536, 'x');
+  while (::send(closedServer.get(), data.data(), data.size(), MSG_NOSIGNAL) > 0) {
+  }
+  closedServer.reset();
+
+  pollfd waiting{exact.get(), POLLIN, 0};
+  ASSERT_EQ(::poll(&waiting, 1, 2000), 1) << "nothing waits in this process's listener";
+  const uint32_t peerPid = static_cast<uint32_t>(peer.pid());
+  const uint32_t ownPid = static_cast<uint32_t>(::getpid());
+
+  for (TableSource source : {TableSource::kNetlinkOnly, TableSource::kProcNetOnly}) {
+    SCOPED_TRACE(SourceName(source));
+    LinuxConnectionTables tables("/proc", source);
+    std::optional<std::vector<TcpOwnerRow>> table;
+    ASSERT_TRUE(Eventually([&] {
+      table = tables.tcpTable();
+      if (!table) return false;
+      auto half = ServerRowOf(*table, halfClosed);
+      auto closed = ServerRowOf(*table, closedClient);
+      return half && half->row.dwState == 8 && closed && closed->row.dwState == 6;
+    }));
+    struct Case {
+      const char* what;
+      const Fd& client;
+      uint32_t state;
+      uint32_t pid;
+    };
+    const Case cases[] = {{"queued", queued, 5, peerPid},
+                          {"queued, client closed its side", halfClosed, 8, peerPid},
+                          {"queued at the wildcard listener", viaWildcard, 5, peerPid},
+                          {"queued at the exact listener", viaExact, 5, ownPid}};
+    for (const Case& c : cases) {
+      SCOPED_TRACE(c.what);
+      auto row = ServerRowOf(*table, c.client);
+      ASSERT_TRUE(row.has_value());
+      EXPECT_EQ(row->row.dwState, c.state);
+      EXPECT_EQ(row->dwProcessId, c.pid);
+    }
+    auto closed = ServerRowOf(*table, closedClient);
+    ASSERT_TRUE(closed.has_value());
+    EXPECT_EQ(closed->dwProcessId, 0u);
+  }
+}
+
+// Rows come ordered by local address, local port, remote address, remote port as numbers. The
+// addresses and ports are chosen so that their raw network-order words sort the other way.
+TEST(LinuxTableOrder, RowsComeSortedByAddressesAndPortsAsNumbers) {
+  TESSMARK_REQUIRE_PRIVATE_NETNS();
+  // Made in an order that is not the table's.
+  Fd l1 = ListenAt(At("127.0.1.1", 42000));
+  Fd l2 = ListenAt(At("127.0.0.2", 42240));
+  Fd l3 = ListenAt(At("127.0.0.2", 42000));
+  std::vector<std::pair<Fd, Fd>> pairs;
+  for (auto [address, port] :
+       {std::pair{"127.0.1.0", 42000}, {"127.0.0.9", 42240}, {"127.0.0.9", 42000}}) {
+    Fd client = ConnectTo(At("127.0.0.2", 42240), At(address, static_cast<uint16_t>(port)));
+    Fd server(::accept4(l2.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    pairs.emplace_back(std::move(client), std::move(server));
+  }
+  std::vector<Fd> udp;
+  for (auto [address, port] : {std::pair{"127.0.1.1", 42000},
+                               {"127.0.0.2", 42240},
+                               {"127.0.0.9", 42000},
+                               {"127.0.0.2", 42000}}) {
+    Fd fd(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_in addr = At(address, static_cast<uint16_t>(port));
+    EXPECT_EQ(::bind(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+    udp.push_back(std::move(fd));
+  }
+  const std::vector<std::string> expectedTcp = {
+      "127.0.0.2:42000 0.0.0.0:0",       "127.0.0.2:42240 0.0.0.0:0",
+      "127.0.0.2:42240 127.0.0.9:42000", "127.0.0.2:42240 127.0.0.9:42240",
+      "127.0.0.2:42240 127.0.1.0:42000", "127.0.0.9:42000 127.0.0.2:42240",
+      "127.0.0.9:42240 127.0.0.2:42240", "127.0.1.0:42000 127.0.0.2:42240",
+      "127.0.1.1:42000 0.0.0.0:0"};
+  const std::vector<std::string> expectedUdp = {"127.0.0.2:42000", "127.0.0.2:42240",
+                                                "127.0.0.9:42000", "127.0.1.1:42000"};
+  // Rows of the addresses made here, in the order the table gives them.
+  auto ours = [](uint32_t rawAddr) {
+    for (const char* a : {"127.0.0.2", "127.0.0.9", "127.0.1.0", "127.0.1.1"})
+      if (rawAddr == inet_addr(a)) return true;
+    return false;
+  };
+
+  for (TableSource source : {TableSource::kNetlinkOnly, TableSource::kProcNetOnly}) {
+    SCOPED_TRACE(SourceName(source));
+    LinuxConnectionTables tables("/proc", source);
+    auto tcp = tables.tcpTable();
+    auto udpTable = tables.udpTable();
+    ASSERT_TRUE(tcp && udpTable);
+    std::vector<std::string> tcpSeen, udpSeen;
+    for (const TcpOwnerRow& r : *tcp) {
+      if (ours(r.row.dwLocalAddr))
+        tcpSeen.push_back(Endpoint(r.row.dwLocalAddr, r.row.dwLocalPort) + " " +
+                          Endpoint(r.row.dwRemoteAddr, r.row.dwRemotePort));
+    }
+    for (const UdpOwnerRow& r : *udpTable) {
+      if (ours(r.dwLocalAddr)) udpSeen.push_back(Endpoint(r.dwLocalAddr, r.dwLocalPort));
+    }
+    EXPECT_EQ(tcpSeen, expectedTcp);
+    EXPECT_EQ(udpSeen, expectedUdp);
+  }
 }
 
 TEST(LinuxTableDelete, DeletingALiveConnectionAbortsIt) {

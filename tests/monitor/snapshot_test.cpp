@@ -13,7 +13,7 @@ using platform::sim::RawPort;
 
 class Snapshot : public ::testing::Test, public testing::SimMonitor {};
 
-TEST_F(Snapshot, FirstPollSeesEveryRowThenAnUnchangedCountReadsNothing) {
+TEST_F(Snapshot, FirstPollSeesEveryRowThenAnUnchangedTableReadsNothing) {
   program(42, "/usr/bin/curl");
   tcp(42, 3000);
   tcp(42, 3001);
@@ -21,12 +21,11 @@ TEST_F(Snapshot, FirstPollSeesEveryRowThenAnUnchangedCountReadsNothing) {
   EXPECT_EQ(LastTableIndex(main.TcpConnections), 1);
   EXPECT_EQ(main.LastTcpCount, 2);
 
-  // The rows change but their number does not: the poll is quiet and sees nothing.
-  sim.tcpRows[1] = MakeTcpRow(5, "192.168.1.20", 3002, "10.0.0.9", 443, 42);
+  // Nothing opened or closed: the poll is quiet, two probes and no table.
   sim.calls = {};
   EXPECT_EQ(main.GetTCPConnections(-1, 0), 0);
-  EXPECT_EQ(main.TcpConnections[1].LocalPort, 3001);
   EXPECT_EQ(sim.calls.tcpProbes, 1);
+  EXPECT_EQ(sim.calls.tcpOpenProbes, 1);
   EXPECT_EQ(sim.calls.tcpTableReads, 0);
   EXPECT_EQ(sim.calls.processListings, 0);
 }
@@ -66,15 +65,21 @@ TEST_F(Snapshot, AnEmptiedTableKeepsOnlyTheSurplusRecord) {
   EXPECT_EQ(LastTableIndex(main.TcpConnections), -1);
 }
 
-TEST_F(Snapshot, MoreRowsThanTheProbeBufferReadAsZeroOnceThenTheProbeStaysSilent) {
+TEST_F(Snapshot, MoreRowsThanTheProbeBufferReadAsZeroAndOnlyOpensAreSeenThen) {
   for (uint16_t p = 0; p < 3; ++p) tcp(7, 50000 + p);
   ASSERT_EQ(main.GetTCPConnections(-1, 0), -1);
   for (uint16_t p = 3; p < 1002; ++p) tcp(7, 50000 + p);  // 1002 rows
   EXPECT_EQ(main.GetTCPConnections(-1, 0), -1);           // 3 -> 0 is a change
   EXPECT_EQ(main.LastTcpCount, 0);
   EXPECT_EQ(LastTableIndex(main.TcpConnections), 1001);
+  // The count stays 0 from now on; a new connection is still seen by the count of opens.
   tcp(7, 60000);
-  EXPECT_EQ(main.GetTCPConnections(-1, 0), 0);  // still 0: blind from now on
+  EXPECT_EQ(main.GetTCPConnections(-1, 0), -1);
+  EXPECT_EQ(main.LastTcpCount, 0);
+  EXPECT_EQ(LastTableIndex(main.TcpConnections), 1002);
+  // A connection that ends opens nothing: blind to it.
+  sim.tcpRows.pop_back();
+  EXPECT_EQ(main.GetTCPConnections(-1, 0), 0);
 
   // Exactly 1001 rows still fit.
   sim.tcpRows.resize(1001);
@@ -82,11 +87,15 @@ TEST_F(Snapshot, MoreRowsThanTheProbeBufferReadAsZeroOnceThenTheProbeStaysSilent
   EXPECT_EQ(main.LastTcpCount, 1001);
 }
 
-TEST_F(Snapshot, AMachineStartingWithAHugeTableIsNeverSeen) {
-  // 40000 rows are above 32767 and above the buffer: the probe reads 0, equal to the start.
+TEST_F(Snapshot, AMachineStartingWithAHugeTableIsSeenAtItsFirstNewConnection) {
+  // 40000 rows are above 32767 and above the buffer: the probe reads 0, equal to the start,
+  // and the first count of opens is where counting starts.
   sim.tcpRows.assign(40000, MakeTcpRow(2, "0.0.0.0", 8080, "0.0.0.0", 0, 7));
   EXPECT_EQ(main.GetTCPConnections(-1, 0), 0);
   EXPECT_EQ(sim.calls.tcpTableReads, 0);
+  sim.tcpRows.push_back(MakeTcpRow(5, "192.168.1.20", 3000, "10.0.0.9", 443, 7));
+  EXPECT_EQ(main.GetTCPConnections(-1, 0), -1);
+  EXPECT_EQ(LastTableIndex(main.TcpConnections), 40000);
 }
 
 TEST_F(Snapshot, AFailedReadLeavesTheTableAndIsNotRetried) {

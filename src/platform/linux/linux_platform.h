@@ -21,7 +21,9 @@ class LinuxPlatform final : public Platform {
   // holdLedgerPath: where the pids held frozen are noted, so that a later start can let go
   // of programs that a crash left stopped. Empty: no ledger.
   explicit LinuxPlatform(std::string holdLedgerPath = {})
-      : threads_(std::move(holdLedgerPath), HoldMethod::kTrace, &identities_) {}
+      : threads_(std::move(holdLedgerPath), HoldMethod::kTrace, &identities_) {
+    tables_.keepIdentities(&identities_);
+  }
 
   ConnectionTables& tables() override { return tables_; }
   Processes& processes() override { return processes_; }

@@ -9,14 +9,19 @@
 //        sockets of a half-open handshake, not bound-only or closed sockets, not IPv6 ones.
 //   UDP: bound IPv4 UDP sockets, connected or not.
 // Rows come from a netlink sock_diag dump, or from /proc/net/{tcp,udp} when netlink fails;
-// owners from the sockets' inodes in /proc/<pid>/fd.
+// owners from the sockets' inodes in /proc/<pid>/fd. A connection not yet accept()ed has no
+// inode and is its listener's. Rows are sorted by local address, local port, remote address,
+// remote port (UDP: local address and port), each compared as a number in host order.
 
+#include <optional>
 #include <string>
 
 #include "platform/linux/proc_net_parser.h"
+#include "platform/linux/process_identities.h"
 #include "platform/linux/sock_diag.h"
 #include "platform/linux/socket_owners.h"
 #include "platform/linux/sockstat_probe.h"
+#include "platform/linux/tcp_opens_probe.h"
 #include "platform/platform.h"
 
 namespace tessmark::platform::linux_backend {
@@ -28,20 +33,29 @@ enum class TableSource { kNetlinkThenProcNet, kNetlinkOnly, kProcNetOnly };
 class LinuxConnectionTables final : public ConnectionTables {
  public:
   explicit LinuxConnectionTables(std::string procRoot = "/proc",
-                                 TableSource source = TableSource::kNetlinkThenProcNet);
+                                 TableSource source = TableSource::kNetlinkThenProcNet,
+                                 FdChangeSignal ownerSignal = FdChangeSignal::kDetect);
 
   std::optional<uint32_t> tcpRowCount() override;
   std::optional<uint32_t> udpRowCount() override;
+  std::optional<uint32_t> tcpOpenCount() override;
   std::optional<std::vector<TcpOwnerRow>> tcpTable() override;
   std::optional<std::vector<UdpOwnerRow>> udpTable() override;
   uint32_t deleteTcpRow(const TcpRow& row) override;
+
+  // Each read from now on keeps the identity of every owner it names (see
+  // process_identities.h), so that a pid reused later is never held or killed.
+  void keepIdentities(ProcessIdentities* identities) { identities_ = identities; }
 
  private:
   std::string procRoot_;
   TableSource source_;
   SockstatProbe probe_;
+  TcpOpensProbe opensProbe_{procRoot_};
   SockDiag diag_;
   SocketOwners owners_;
+  ProcessIdentities* identities_ = nullptr;
+  std::optional<uint32_t> keptUdpCount_;  // from the read the last TCP count came from
 };
 
 // The table's state number for the kernel's TCP_* state (ESTABLISHED 1 -> 5 ... CLOSING 11

@@ -6,8 +6,10 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <system_error>
+#include <tuple>
 
 namespace tessmark::platform::sim {
 
@@ -123,6 +125,25 @@ std::optional<uint32_t> SimSystem::tcpRowCount() {
 std::optional<uint32_t> SimSystem::udpRowCount() {
   ++calls.udpProbes;
   return static_cast<uint32_t>(udpRows.size());
+}
+
+std::optional<uint32_t> SimSystem::tcpOpenCount() {
+  ++calls.tcpOpenProbes;
+  // One connection: its addresses, ports and owner. A state change is no new connection.
+  auto key = [](const TcpOwnerRow& r) {
+    return std::tuple(r.row.dwLocalAddr, r.row.dwLocalPort, r.row.dwRemoteAddr, r.row.dwRemotePort,
+                      r.dwProcessId);
+  };
+  auto before = [&](const TcpOwnerRow& a, const TcpOwnerRow& b) { return key(a) < key(b); };
+  std::vector<TcpOwnerRow> now = tcpRows;
+  std::sort(now.begin(), now.end(), before);
+  std::vector<TcpOwnerRow> opened;
+  std::set_difference(now.begin(), now.end(), tcpRowsLooked_.begin(), tcpRowsLooked_.end(),
+                      std::back_inserter(opened), before);
+  tcpOpens += static_cast<uint32_t>(opened.size());
+  tcpRowsLooked_ = std::move(now);
+  if (tcpOpenCountUnknown) return std::nullopt;
+  return tcpOpens;
 }
 
 std::optional<std::vector<TcpOwnerRow>> SimSystem::tcpTable() {

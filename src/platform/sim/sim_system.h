@@ -37,6 +37,7 @@ struct SimProcess {
 struct SimCalls {
   int tcpProbes = 0;
   int udpProbes = 0;
+  int tcpOpenProbes = 0;
   int tcpTableReads = 0;
   int udpTableReads = 0;
   int processListings = 0;
@@ -62,6 +63,12 @@ class SimSystem final : public Platform,
   // ---- the scene
   std::vector<TcpOwnerRow> tcpRows;
   std::vector<UdpOwnerRow> udpRows;
+  // The system's count of opened TCP connections. Each row that stands in tcpRows at a look
+  // (tcpOpenCount) and did not stand there at the look before counts one open; a row is
+  // the same connection while its addresses, ports and owner are, whatever its state. A row
+  // that came and went between two looks is not counted.
+  uint32_t tcpOpens = 0;
+  bool tcpOpenCountUnknown = false;  // the count of opens cannot be had (it is still kept)
   bool tcpTableFails = false;
   uint32_t deleteError = 0;        // non-zero: every delete fails with this error
   bool deletedRowsLinger = false;  // a deleted row stays listed, as one going away slowly
@@ -125,6 +132,7 @@ class SimSystem final : public Platform,
   // ---- ConnectionTables
   std::optional<uint32_t> tcpRowCount() override;
   std::optional<uint32_t> udpRowCount() override;
+  std::optional<uint32_t> tcpOpenCount() override;
   std::optional<std::vector<TcpOwnerRow>> tcpTable() override;
   std::optional<std::vector<UdpOwnerRow>> udpTable() override;
   uint32_t deleteTcpRow(const TcpRow& row) override;
@@ -174,6 +182,8 @@ class SimSystem final : public Platform,
   bool threadExists(uint32_t threadId) const;
   bool fail(uint32_t error);
 
+  // The connections of tcpRows at the last look of tcpOpenCount, sorted.
+  std::vector<TcpOwnerRow> tcpRowsLooked_;
   std::map<ProcessHandle, int32_t> handles_;
   ProcessHandle nextHandle_ = 4;
   uint32_t lastError_ = 0;

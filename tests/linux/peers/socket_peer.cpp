@@ -4,6 +4,8 @@
 //
 // Arguments, any number, applied left to right:
 //   listen PORT        a TCP listener on 127.0.0.1:PORT
+//   listen-any PORT    a TCP listener on 0.0.0.0:PORT with SO_REUSEPORT, so a listener on one
+//                      address with SO_REUSEPORT may share the port
 //   connect PORT       a TCP connection to 127.0.0.1:PORT; when this program listens on PORT
 //                      itself, it also accepts the other end, so it holds both ends of the pair
 //   udp PORT           a UDP socket bound to 127.0.0.1:PORT
@@ -22,6 +24,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -36,12 +39,16 @@ namespace {
   std::exit(1);
 }
 
-sockaddr_in Loopback(int port) {
+sockaddr_in Address(uint32_t hostAddr, int port) {
   sockaddr_in addr{};
   addr.sin_family = AF_INET;
   addr.sin_port = htons(static_cast<uint16_t>(port));
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  addr.sin_addr.s_addr = htonl(hostAddr);
   return addr;
+}
+
+sockaddr_in Loopback(int port) {
+  return Address(INADDR_LOOPBACK, port);
 }
 
 int OpenSocket(int type) {
@@ -75,6 +82,15 @@ int main(int argc, char** argv) {
       if (::bind(fd, sa, sizeof addr) != 0) Fail("bind tcp " + std::to_string(port));
       if (::listen(fd, 64) != 0) Fail("listen");
       listeners[port] = fd;
+      held.push_back(fd);
+    } else if (verb == "listen-any") {
+      int fd = OpenSocket(SOCK_STREAM);
+      int one = 1;
+      ::setsockopt(fd, SOL_SOCKET, SO_REUSEPORT, &one, sizeof one);
+      sockaddr_in any = Address(INADDR_ANY, port);
+      if (::bind(fd, reinterpret_cast<sockaddr*>(&any), sizeof any) != 0)
+        Fail("bind tcp 0.0.0.0:" + std::to_string(port));
+      if (::listen(fd, 64) != 0) Fail("listen");
       held.push_back(fd);
     } else if (verb == "connect") {
       int fd = OpenSocket(SOCK_STREAM);
