@@ -22,6 +22,8 @@ void Engine::start() {
   monitor.Timer1Enabled = true;
   try {
     thread_ = std::thread([this] {
+      // Under load a normal-priority poll falls behind by tens of milliseconds.
+      system_.threads().raiseCallingThreadPriority();
       monitor.FirewallActive = kTrue;
       monitor.startthefirewall();
     });

@@ -20,6 +20,7 @@
 #include "platform/linux/fatal_release.h"
 #include "platform/linux/hold_ledger.h"
 #include "platform/linux/process_stat.h"
+#include "platform/linux/thread_priority.h"
 
 namespace tessmark::platform::linux_backend {
 namespace {
@@ -127,6 +128,7 @@ std::optional<std::vector<ThreadEntry>> LinuxThreads::snapshot(int32_t pid) {
     lastError_ = static_cast<uint32_t>(errno);
     return std::nullopt;
   }
+  dropEndedThreads(pid);
   std::vector<ThreadEntry> threads;
   owners_.clear();
   while (dirent* entry = readdir(dir)) {
@@ -298,28 +300,31 @@ void LinuxThreads::endProcessHold(int32_t pid, bool ended) {
   if (wasLedgered) writeLedger();
 }
 
-// Forgets what ended: processes gone, and threads that ended while their process lives on (a
-// count of a thread that no longer exists must not keep its process held for good).
+// Forgets the processes that ended. Cheap (one poll per held process): every call runs it.
 void LinuxThreads::dropGone() {
   std::vector<int32_t> ended;
   for (const auto& [pid, process] : processes_)
     if (PidfdExited(process.pidfd)) ended.push_back(pid);
   for (int32_t pid : ended) endProcessHold(pid, true);
-  std::vector<int32_t> emptied;
+}
+
+// Forgets the threads of `pid` that ended while their process lives on: the count of a thread
+// that no longer exists must not keep its process held for good. Runs once per snapshot, so a
+// hold of a whole process costs one pass over its threads, not one per thread.
+void LinuxThreads::dropEndedThreads(int32_t pid) {
+  bool dropped = false;
   for (auto it = threads_.begin(); it != threads_.end();) {
-    if (ThreadExists(it->second.pid, it->first)) {
+    if (it->second.pid != pid || ThreadExists(pid, it->first)) {
       ++it;
       continue;
     }
-    int32_t pid = it->second.pid;
     if (it->second.traced) ReapEnded(it->second.trace, pid, 0);
     it = threads_.erase(it);
-    emptied.push_back(pid);
+    dropped = true;
   }
-  for (int32_t pid : emptied)
-    if (std::none_of(threads_.begin(), threads_.end(),
-                     [pid](const auto& entry) { return entry.second.pid == pid; }))
-      endProcessHold(pid, false);
+  if (dropped && std::none_of(threads_.begin(), threads_.end(),
+                              [pid](const auto& entry) { return entry.second.pid == pid; }))
+    endProcessHold(pid, false);
 }
 
 void LinuxThreads::writeLedger() {
@@ -438,6 +443,10 @@ void LinuxThreads::releaseAllHolds() {
   std::vector<int32_t> held;
   for (const auto& [pid, process] : processes_) held.push_back(pid);
   for (int32_t pid : held) endProcessHold(pid, false);
+}
+
+bool LinuxThreads::raiseCallingThreadPriority() {
+  return RaiseCallingThreadPriority();
 }
 
 void LinuxThreads::InstallFatalSignalRelease() {

@@ -52,6 +52,7 @@ class LinuxThreads final : public Threads {
   uint32_t lastError() override;
 
   void releaseAllHolds() override;
+  bool raiseCallingThreadPriority() override;
 
   // Continues every process held by signal if this program dies of a fatal signal (see
   // fatal_release.h), then lets the signal end it as it would have. Traced threads need no
@@ -87,6 +88,7 @@ class LinuxThreads final : public Threads {
   void letGo(uint32_t threadId, ThreadHold& thread);
   void endProcessHold(int32_t pid, bool ended);
   void dropGone();
+  void dropEndedThreads(int32_t pid);
   void writeLedger();
 
   std::mutex mutex_;

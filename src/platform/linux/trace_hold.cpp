@@ -1,5 +1,6 @@
 #include "platform/linux/trace_hold.h"
 
+#include <sched.h>
 #include <signal.h>
 #include <sys/ptrace.h>
 #include <sys/wait.h>
@@ -18,13 +19,19 @@ namespace {
 constexpr auto kPollInterval = std::chrono::microseconds(50);
 constexpr auto kStopConfirm = std::chrono::milliseconds(200);
 
+// A stop normally follows within microseconds, once the thread gets a processor: the first
+// tries only yield the processor to it, later ones sleep.
 template <class Step>
 bool PollUntil(std::chrono::microseconds wait, Step step) {
+  constexpr int kYields = 200;
   auto deadline = std::chrono::steady_clock::now() + wait;
-  for (;;) {
+  for (int round = 0;; ++round) {
     if (step()) return true;
     if (std::chrono::steady_clock::now() >= deadline) return false;
-    std::this_thread::sleep_for(kPollInterval);
+    if (round < kYields)
+      sched_yield();
+    else
+      std::this_thread::sleep_for(kPollInterval);
   }
 }
 
@@ -42,6 +49,7 @@ SeizeResult SeizeAndStop(TracedThread& thread, std::chrono::microseconds wait) {
 
 bool CollectStop(TracedThread& thread, std::chrono::microseconds wait) {
   bool tracee = true;
+  int tries = 0;
   PollUntil(wait, [&] {
     if (thread.stopSeen) return true;
     // Stops only: an ended thread is left for ReapEnded, which knows whose end it is to take.
@@ -52,7 +60,9 @@ bool CollectStop(TracedThread& thread, std::chrono::microseconds wait) {
     }
     if (info.si_pid != thread.tid) {
       // Another thread of this process may have taken the report first: a parent's wait from
-      // the tracer's own process sees its traced children's stops too. The state tells.
+      // the tracer's own process sees its traced children's stops too. The state tells; it
+      // costs a file read, so it is asked now and then.
+      if (++tries % 16 != 0) return false;
       std::optional<ProcessStat> stat = ReadProcessStat(thread.tid);
       thread.stopSeen = stat && stat->state == 't';
       return thread.stopSeen;
