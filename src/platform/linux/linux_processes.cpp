@@ -111,6 +111,9 @@ std::vector<ProcessEntry> LinuxProcesses::list() {
   // processes already, and the list costs what it always did. With it, and always as root,
   // each process is checked.
   const bool readsOnlyUsersLinks = user == geteuid() && !MayReadAnyonesLinks();
+  // Verdicts of processes that are gone are dropped with the old map.
+  std::unordered_map<int32_t, Verdict> verdicts;
+  verdicts.reserve(verdicts_.size() + 16);
   // The kernel cuts the link text at a page; one more byte tells a cut from a full fit, and
   // one more holds the NUL that stat() needs.
   char target[4098];
@@ -138,11 +141,25 @@ std::vector<ProcessEntry> LinuxProcesses::list() {
     ssize_t n = readlinkat(dirFd, exePath, target, sizeof target - 1);
     if (n <= 0 || static_cast<size_t>(n) >= sizeof target - 1) continue;
     target[n] = '\0';
-    if (!readsOnlyUsersLinks && !IsUsersProcess(dirFd, pidPath, length + 1, user)) continue;
+    if (!readsOnlyUsersLinks) {
+      std::string_view path(target, static_cast<size_t>(n));
+      auto known = verdicts_.find(pid);
+      bool users = false;
+      if (known != verdicts_.end() && known->second.effectiveUser == folder.st_uid &&
+          known->second.path == path) {
+        users = known->second.users;
+        verdicts.insert(verdicts_.extract(known));
+      } else {
+        users = IsUsersProcess(dirFd, pidPath, length + 1, user);
+        verdicts[pid] = Verdict{folder.st_uid, std::string(path), users};
+      }
+      if (!users) continue;
+    }
     size_t pathLength = ProgramPathLength(dirFd, exePath, target, static_cast<size_t>(n));
     processes.push_back({pid, std::string(target, pathLength)});
   }
   closedir(dir);
+  verdicts_ = std::move(verdicts);
   lastCount_ = processes.size();
   return processes;
 }

@@ -5,12 +5,15 @@
 // open it, so the system's daemons are never judged or held. Runs at each change of the
 // connection tables, so it stays cheap: without that capability the kernel reads out only the
 // user's own links and one readlinkat per process is all; with it, one fstatat of the folder
-// and one of the link come first, and the status file is read only where those cannot tell.
+// and one of the link come first, and the status file is read only where those cannot tell,
+// once per process and program: a verdict stands while the process runs the same program under
+// the same effective user (a change of users nearly always changes the effective one).
 
 #include <sys/types.h>
 
 #include <cstdint>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "platform/platform.h"
@@ -28,9 +31,17 @@ class LinuxProcesses final : public Processes {
   int32_t currentProcessId() override;
 
  private:
+  // What the status file said of a process, and what it was running then.
+  struct Verdict {
+    uid_t effectiveUser = 0;
+    std::string path;
+    bool users = false;
+  };
+
   std::string procRoot_;
   uid_t user_;
   size_t lastCount_ = 0;  // to reserve the next list at once
+  std::unordered_map<int32_t, Verdict> verdicts_;
 };
 
 }  // namespace tessmark::platform::linux_backend
