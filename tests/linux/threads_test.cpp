@@ -422,6 +422,23 @@ TEST(ThreadsAfterTheEnd, KillingTheHolderLetsATracedProgramRunOn) {
   EXPECT_TRUE(peer.waitUntilHeld(false)) << "state " << peer.state();
 }
 
+// A held program that someone else kills ends for its parent at the firewall's next call: the
+// ends of its traced threads are taken, or the parent would wait until the firewall ends.
+TEST(ThreadsAfterTheEnd, AHeldProgramKilledBySomeoneElseEndsForItsParent) {
+  TESSMARK_REQUIRE_PRIVATE_NETNS();
+  START_PEER(peer, 3, /*busy=*/false);
+  LinuxThreads threads;
+  std::vector<uint32_t> ids = ThreadIdsOf(threads, peer.pid());
+  for (uint32_t id : ids) ASSERT_EQ(threads.suspendThread(id), 0);
+  kill(peer.pid(), SIGKILL);
+  ASSERT_TRUE(peer.waitForState('Z', true));
+  threads.snapshot(getpid());  // any call
+  std::optional<int> status = peer.reap(std::chrono::seconds(1));
+  ASSERT_TRUE(status) << "the killed program was never released to its parent";
+  EXPECT_TRUE(WIFSIGNALED(*status) && WTERMSIG(*status) == SIGKILL);
+  for (uint32_t id : ids) EXPECT_EQ(threads.resumeThread(id), -1) << "nothing left to let go";
+}
+
 // A child under a pid of our choosing (clone3 with set_tid); -1 when the system refuses.
 pid_t StartSleeperWithPid(pid_t pid) {
   clone_args args{};

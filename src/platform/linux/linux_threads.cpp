@@ -173,12 +173,8 @@ int32_t LinuxThreads::suspendThread(uint32_t threadId) {
     threads_.emplace(threadId, thread);
     return 0;
   }
-  // A process held by signal may have been continued by someone else meanwhile (kill -CONT,
-  // a shell's fg): another hold stops it again, so the count stays true to what runs.
-  if (ProcessHold* process = processHold(*pid); process && process->stoppedBySignal) {
-    std::optional<ProcessStat> stat = ReadProcessStat(*pid);
-    if (stat && !IsHaltedState(stat->state)) stopBySignal(*pid, *process);
-  }
+  if (ProcessHold* process = processHold(*pid); process && process->stoppedBySignal)
+    restopIfContinued(*pid, *process);
   return it->second.count++;
 }
 
@@ -198,11 +194,40 @@ int32_t LinuxThreads::resumeThread(uint32_t threadId) {
     int32_t pid = it->second.pid;
     letGo(threadId, it->second);
     threads_.erase(it);
-    bool anyHeld = std::any_of(threads_.begin(), threads_.end(),
-                               [pid](const auto& entry) { return entry.second.pid == pid; });
-    if (!anyHeld) endProcessHold(pid, false);
+    if (!hasHeldThreads(pid)) endProcessHold(pid, false);
   }
   return previous;
+}
+
+// A pidfd turns readable only once every thread is released, and a traced thread that died
+// waits for its tracer to take its end. So a process with traced threads has ended when they
+// are all dead; the main thread is asked first, as it is dead only in such an end (or when it
+// alone left early, which the check of every thread then tells apart).
+bool LinuxThreads::tracedThreadsAllEnded(int32_t pid) const {
+  auto dead = [](pid_t tid) {
+    std::optional<ProcessStat> stat = ReadProcessStat(tid);
+    return !stat || stat->state == 'Z' || stat->state == 'X';
+  };
+  if (!dead(pid)) return false;
+  bool anyTraced = false;
+  for (const auto& [tid, thread] : threads_) {
+    if (thread.pid != pid || !thread.traced) continue;
+    anyTraced = true;
+    if (!dead(static_cast<pid_t>(tid))) return false;
+  }
+  return anyTraced;
+}
+
+bool LinuxThreads::hasHeldThreads(int32_t pid) const {
+  return std::any_of(threads_.begin(), threads_.end(),
+                     [pid](const auto& entry) { return entry.second.pid == pid; });
+}
+
+// A process held by signal may have been continued by someone else meanwhile (kill -CONT, a
+// shell's fg): a further hold stops it again, so the count stays true to what runs.
+void LinuxThreads::restopIfContinued(int32_t pid, ProcessHold& process) {
+  std::optional<ProcessStat> stat = ReadProcessStat(pid);
+  if (stat && !IsHaltedState(stat->state)) stopBySignal(pid, process);
 }
 
 LinuxThreads::ProcessHold* LinuxThreads::processHold(int32_t pid) {
@@ -238,17 +263,17 @@ bool LinuxThreads::holdThread(uint32_t threadId, int32_t pid, ThreadHold& thread
         return true;
       case SeizeResult::kGone:
         lastError_ = ESRCH;
-        if (std::none_of(threads_.begin(), threads_.end(),
-                         [pid](const auto& entry) { return entry.second.pid == pid; }))
-          endProcessHold(pid, false);
+        if (!hasHeldThreads(pid)) endProcessHold(pid, false);
         return false;
       case SeizeResult::kRefused:
         break;  // a debugger has it, or we may not trace it: the signal road below
     }
   }
-  if (!process->stoppedBySignal && !stopBySignal(pid, *process)) {
+  if (process->stoppedBySignal) {
+    restopIfContinued(pid, *process);
+  } else if (!stopBySignal(pid, *process)) {
     lastError_ = static_cast<uint32_t>(errno);
-    endProcessHold(pid, false);
+    if (!hasHeldThreads(pid)) endProcessHold(pid, false);
     return false;
   }
   return true;
@@ -300,11 +325,12 @@ void LinuxThreads::endProcessHold(int32_t pid, bool ended) {
   if (wasLedgered) writeLedger();
 }
 
-// Forgets the processes that ended. Cheap (one poll per held process): every call runs it.
+// Forgets the processes that ended, and takes the ends of their traced threads so that their
+// parents hear of it. Every call runs it; it costs a poll and a small read per held process.
 void LinuxThreads::dropGone() {
   std::vector<int32_t> ended;
   for (const auto& [pid, process] : processes_)
-    if (PidfdExited(process.pidfd)) ended.push_back(pid);
+    if (PidfdExited(process.pidfd) || tracedThreadsAllEnded(pid)) ended.push_back(pid);
   for (int32_t pid : ended) endProcessHold(pid, true);
 }
 
@@ -322,9 +348,7 @@ void LinuxThreads::dropEndedThreads(int32_t pid) {
     it = threads_.erase(it);
     dropped = true;
   }
-  if (dropped && std::none_of(threads_.begin(), threads_.end(),
-                              [pid](const auto& entry) { return entry.second.pid == pid; }))
-    endProcessHold(pid, false);
+  if (dropped && !hasHeldThreads(pid)) endProcessHold(pid, false);
 }
 
 void LinuxThreads::writeLedger() {

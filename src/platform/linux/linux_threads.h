@@ -83,6 +83,9 @@ class LinuxThreads final : public Threads {
   std::optional<int32_t> ownerOf(uint32_t threadId);
   bool isReused(int32_t pid) const;
   ProcessHold* processHold(int32_t pid);
+  bool hasHeldThreads(int32_t pid) const;
+  bool tracedThreadsAllEnded(int32_t pid) const;
+  void restopIfContinued(int32_t pid, ProcessHold& process);
   bool holdThread(uint32_t threadId, int32_t pid, ThreadHold& thread);
   bool stopBySignal(int32_t pid, ProcessHold& process);
   void letGo(uint32_t threadId, ThreadHold& thread);

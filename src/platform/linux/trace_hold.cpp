@@ -85,7 +85,9 @@ bool Detach(TracedThread& thread) {
   bool tracee = true;
   bool detached = PollUntil(kStopConfirm, [&] {
     if (ptrace(PTRACE_DETACH, thread.tid, nullptr, signal) == 0) return true;
-    tracee = CollectStop(thread, std::chrono::microseconds(0));
+    std::optional<ProcessStat> stat = ReadProcessStat(thread.tid);
+    tracee = stat && stat->state != 'Z' && stat->state != 'X' &&
+             CollectStop(thread, std::chrono::microseconds(0));
     return !tracee;
   });
   return detached && tracee;
