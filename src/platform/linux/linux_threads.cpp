@@ -192,7 +192,7 @@ int32_t LinuxThreads::resumeThread(uint32_t threadId) {
   int32_t previous = it->second.count--;
   if (it->second.count == 0) {
     int32_t pid = it->second.pid;
-    letGo(threadId, it->second);
+    letGo(it->second);
     threads_.erase(it);
     if (!hasHeldThreads(pid)) endProcessHold(pid, false);
   }
@@ -294,9 +294,12 @@ bool LinuxThreads::stopBySignal(int32_t pid, ProcessHold& process) {
   return true;
 }
 
-void LinuxThreads::letGo(uint32_t threadId, ThreadHold& thread) {
-  (void)threadId;
-  if (thread.traced) Detach(thread.trace);
+// A traced thread that cannot be let go has died in its stop: its end is taken instead, or
+// its process's parent would wait for it as long as the tracing thread lives.
+void LinuxThreads::letGo(ThreadHold& thread) {
+  if (!thread.traced || Detach(thread.trace)) return;
+  const ProcessHold* process = processHold(thread.pid);
+  ReapEnded(thread.trace, thread.pid, process != nullptr ? process->realParent : 0);
 }
 
 // Ends the hold of a process whose threads are all let go (or which ended): continues it if
@@ -462,7 +465,7 @@ void LinuxThreads::releaseAllHolds() {
   // A traced thread can be let go only by the thread that traces it; from any other thread
   // the detach fails, and the kernel lets go when that thread ends (the engine's stop joins
   // it before this runs).
-  for (auto& [tid, thread] : threads_) letGo(tid, thread);
+  for (auto& [tid, thread] : threads_) letGo(thread);
   threads_.clear();
   std::vector<int32_t> held;
   for (const auto& [pid, process] : processes_) held.push_back(pid);

@@ -88,7 +88,7 @@ class LinuxThreads final : public Threads {
   void restopIfContinued(int32_t pid, ProcessHold& process);
   bool holdThread(uint32_t threadId, int32_t pid, ThreadHold& thread);
   bool stopBySignal(int32_t pid, ProcessHold& process);
-  void letGo(uint32_t threadId, ThreadHold& thread);
+  void letGo(ThreadHold& thread);
   void endProcessHold(int32_t pid, bool ended);
   void dropGone();
   void dropEndedThreads(int32_t pid);
