@@ -31,7 +31,7 @@ TEST_F(PauseRealProcess, StopsEveryThreadAndRunsAgainOnlyAfterAsManyResumes) {
   ASSERT_EQ(peer.error(), "");
 
   pause.SuspendThreads(peer.pid());
-  EXPECT_TRUE(peer.held());
+  EXPECT_TRUE(peer.waitUntilHeld(true));
   pause.SuspendThreads(peer.pid());
   pause.ResumeThreads(peer.pid());
   // Still held once: give a wrongly continued process time to show it.

@@ -44,6 +44,21 @@ bool AllThreadsIn(pid_t pid, char letter) {
   return seen > 0;
 }
 
+// Waits (bounded) until `done` holds.
+template <class Done>
+bool WaitUntil(Done done) {
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+  while (!done()) {
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
+}
+
+bool WaitForAllThreadsIn(pid_t pid, char letter) {
+  return WaitUntil([&] { return AllThreadsIn(pid, letter); });
+}
+
 std::vector<uint32_t> ThreadIdsOf(LinuxThreads& threads, pid_t pid) {
   std::vector<uint32_t> ids;
   auto snapshot = threads.snapshot(pid);
@@ -80,15 +95,16 @@ char ThreadState(pid_t pid, uint32_t tid) {
   return stat ? stat->state : '?';
 }
 
+bool WaitForThreadState(pid_t pid, uint32_t tid, char letter) {
+  return WaitUntil([&] { return ThreadState(pid, tid) == letter; });
+}
+
 bool WaitForThreadCount(pid_t pid, size_t count) {
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-  while (std::chrono::steady_clock::now() < deadline) {
+  return WaitUntil([&] {
     std::error_code ec;
     auto tasks = std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task", ec);
-    if (!ec && static_cast<size_t>(std::distance(tasks, {})) == count) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return false;
+    return !ec && static_cast<size_t>(std::distance(tasks, {})) == count;
+  });
 }
 
 void HoldAll(LinuxThreads& threads, pid_t pid) {
@@ -111,8 +127,7 @@ TEST(ThreadsSuspension, EachThreadRunsOnceItsOwnCountIsBackToZero) {
   ASSERT_NE(std::find(ids.begin(), ids.end(), static_cast<uint32_t>(peer.pid())), ids.end());
 
   for (uint32_t id : ids) EXPECT_EQ(threads.suspendThread(id), 0);
-  // The stop is confirmed before each suspension returns: no waiting here.
-  EXPECT_TRUE(AllThreadsIn(peer.pid(), 't')) << "a trace stop, not a job-control stop";
+  EXPECT_TRUE(WaitForAllThreadsIn(peer.pid(), 't')) << "a trace stop, not a job-control stop";
   for (uint32_t id : ids) EXPECT_EQ(threads.suspendThread(id), 1);
   for (uint32_t id : ids) EXPECT_EQ(threads.resumeThread(id), 2);
   EXPECT_TRUE(AllThreadsIn(peer.pid(), 't')) << "one round of resumes must not let go";
@@ -137,7 +152,7 @@ TEST(ThreadsSuspension, EachThreadRunsOnceItsOwnCountIsBackToZero) {
   // A resume of a running thread changes nothing, and a new suspension counts from 0 again.
   EXPECT_EQ(threads.resumeThread(ids[0]), 0);
   EXPECT_EQ(threads.suspendThread(ids[0]), 0);
-  EXPECT_EQ(ThreadState(peer.pid(), ids[0]), 't');
+  EXPECT_TRUE(WaitForThreadState(peer.pid(), ids[0], 't'));
   EXPECT_EQ(threads.resumeThread(ids[0]), 1);
   EXPECT_NE(ThreadState(peer.pid(), ids[0]), 't');
 }
@@ -174,7 +189,7 @@ TEST_P(ThreadsByMethod, AHoldAfterAnOutsideContinueAndAThreadsEndStillHolds) {
   START_PEER(peer, 3, /*busy=*/false);
   LinuxThreads threads({}, GetParam());
   HoldAll(threads, peer.pid());
-  ASSERT_TRUE(peer.held());
+  ASSERT_TRUE(peer.waitUntilHeld(true));
 
   kill(peer.pid(), SIGCONT);  // kill -CONT, or a shell's fg
   ASSERT_TRUE(peer.send("e"));
@@ -186,8 +201,8 @@ TEST_P(ThreadsByMethod, AHoldAfterAnOutsideContinueAndAThreadsEndStillHolds) {
   ASSERT_TRUE(peer.waitUntilHeld(false));
 
   HoldAll(threads, peer.pid());
-  EXPECT_TRUE(peer.held()) << "state " << peer.state();
-  EXPECT_TRUE(AllThreadsIn(peer.pid(), GetParam() == HoldMethod::kTrace ? 't' : 'T'));
+  EXPECT_TRUE(WaitForAllThreadsIn(peer.pid(), GetParam() == HoldMethod::kTrace ? 't' : 'T'))
+      << "state " << peer.state();
   ResumeAll(threads, peer.pid());
   EXPECT_TRUE(peer.waitUntilHeld(false));
 }
@@ -244,7 +259,7 @@ TEST_P(ThreadsByMethod, ReleaseAllHoldsContinuesAndClearsCounts) {
   ASSERT_EQ(ids.size(), 3u);
   for (uint32_t id : ids) threads.suspendThread(id);
   for (uint32_t id : ids) threads.suspendThread(id);
-  ASSERT_TRUE(peer.held());
+  ASSERT_TRUE(peer.waitUntilHeld(true));
 
   threads.releaseAllHolds();
   EXPECT_TRUE(peer.waitUntilHeld(false));
@@ -258,7 +273,7 @@ TEST_P(ThreadsByMethod, FourStepsEndAFrozenChild) {
   std::filesystem::path ledger = FreshLedgerPath("ledger-kill");
   LinuxThreads threads(ledger.string(), GetParam());
   HoldAll(threads, peer.pid());
-  ASSERT_TRUE(peer.held());
+  ASSERT_TRUE(peer.waitUntilHeld(true));
 
   ProcessHandle handle = threads.openProcess(peer.pid());
   ASSERT_NE(handle, 0) << "errno " << threads.lastError();
@@ -269,10 +284,7 @@ TEST_P(ThreadsByMethod, FourStepsEndAFrozenChild) {
   EXPECT_FALSE(std::filesystem::exists(ledger)) << "a killed process is no longer held";
 
   // Our child's end shows through the handle without reaping it.
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-  while (threads.exitCode(handle, code) && code == kStillActive &&
-         std::chrono::steady_clock::now() < deadline)
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  WaitUntil([&] { return !threads.exitCode(handle, code) || code != kStillActive; });
   EXPECT_EQ(code, 128u + SIGKILL);
   EXPECT_TRUE(threads.closeHandle(handle));
 
@@ -403,7 +415,7 @@ TEST_P(ThreadsByMethod, FatalSignalContinuesHeldProcesses) {
   START_PEER(peer, 2, /*busy=*/true);
   ForkedHolder holder(peer.pid(), GetParam());
   ASSERT_TRUE(holder.holding());
-  EXPECT_TRUE(peer.held());
+  EXPECT_TRUE(peer.waitUntilHeld(true));
   int status = holder.abortIt();
   EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT) << "status " << status;
   EXPECT_TRUE(peer.waitUntilHeld(false));
@@ -416,7 +428,7 @@ TEST(ThreadsAfterTheEnd, KillingTheHolderLetsATracedProgramRunOn) {
   START_PEER(peer, 2, /*busy=*/true);
   ForkedHolder holder(peer.pid(), HoldMethod::kTrace);
   ASSERT_TRUE(holder.holding());
-  EXPECT_TRUE(peer.held());
+  EXPECT_TRUE(peer.waitUntilHeld(true));
   int status = holder.killIt();
   EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << "status " << status;
   EXPECT_TRUE(peer.waitUntilHeld(false)) << "state " << peer.state();
@@ -431,10 +443,7 @@ TEST(ThreadsAfterTheEnd, AHeldProgramKilledBySomeoneElseEndsForItsParent) {
   std::vector<uint32_t> ids = ThreadIdsOf(threads, peer.pid());
   for (uint32_t id : ids) ASSERT_EQ(threads.suspendThread(id), 0);
   kill(peer.pid(), SIGKILL);
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-  while (!AllThreadsIn(peer.pid(), 'Z') && std::chrono::steady_clock::now() < deadline)
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  ASSERT_TRUE(AllThreadsIn(peer.pid(), 'Z')) << "every thread died";
+  ASSERT_TRUE(WaitForAllThreadsIn(peer.pid(), 'Z')) << "every thread died";
   threads.snapshot(getpid());  // any call
   std::optional<int> status = peer.reap(std::chrono::seconds(1));
   ASSERT_TRUE(status) << "the killed program was never released to its parent";

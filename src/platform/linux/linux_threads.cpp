@@ -99,10 +99,6 @@ bool WaitUntilStopped(int32_t pid) {
   return true;
 }
 
-// How long a hold waits to see a thread stopped. A stop takes effect at the thread's next
-// kernel entry, which on a loaded machine can take a scheduler tick or two.
-constexpr auto kStopConfirm = std::chrono::milliseconds(200);
-
 }  // namespace
 
 LinuxThreads::LinuxThreads(std::string ledgerPath, HoldMethod method,
@@ -257,7 +253,10 @@ bool LinuxThreads::holdThread(uint32_t threadId, int32_t pid, ThreadHold& thread
   thread.count = 1;
   if (method_ == HoldMethod::kTrace && !process->stoppedBySignal) {
     thread.trace.tid = static_cast<pid_t>(threadId);
-    switch (SeizeAndStop(thread.trace, kStopConfirm)) {
+    // The stop follows within microseconds; it is not waited for here, as a thread's
+    // suspension does not wait on the system either, and a program of many threads would
+    // stand half-frozen the longer. Letting go waits for the stop where it is still due.
+    switch (SeizeAndStop(thread.trace, std::chrono::microseconds(0))) {
       case SeizeResult::kHeld:
         thread.traced = true;
         return true;
@@ -399,7 +398,9 @@ bool LinuxThreads::exitCode(ProcessHandle handle, uint32_t& code) {
   siginfo_t info{};
   if (waitid(static_cast<idtype_t>(P_PIDFD), static_cast<id_t>(pidfd), &info,
              WEXITED | WNOHANG | WNOWAIT) == 0) {
-    if (info.si_pid == 0) {
+    // A trace stop of ours shows here too, even unasked: a stopped process is still active.
+    if (info.si_pid == 0 || info.si_code == CLD_TRAPPED || info.si_code == CLD_STOPPED ||
+        info.si_code == CLD_CONTINUED) {
       code = kStillActive;
     } else if (info.si_code == CLD_EXITED) {
       code = static_cast<uint32_t>(info.si_status);
