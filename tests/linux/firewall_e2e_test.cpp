@@ -42,6 +42,7 @@
 
 #include <gtest/gtest.h>
 
+#include "linux/loopback.h"
 #include "linux/netns.h"
 #include "monitor/engine.h"
 #include "platform/linux/linux_platform.h"
@@ -62,59 +63,10 @@ constexpr uint16_t kProbePort = 24000;
 // Sockets of the test process itself. The test binary has an "allow" rule, so these are
 // never judged against it.
 
-class Fd {
- public:
-  Fd() = default;
-  explicit Fd(int fd) : fd_(fd) {}
-  Fd(Fd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-  Fd& operator=(Fd&& other) noexcept {
-    if (fd_ >= 0) ::close(fd_);
-    fd_ = std::exchange(other.fd_, -1);
-    return *this;
-  }
-  ~Fd() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  int get() const { return fd_; }
-  bool valid() const { return fd_ >= 0; }
-
- private:
-  int fd_ = -1;
-};
-
-sockaddr_in Loopback(uint16_t port) {
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(port);
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return addr;
-}
-
-// A listener on 127.0.0.1:port, or an invalid Fd with errno set.
-Fd ListenOn(uint16_t port) {
-  Fd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  int one = 1;
-  ::setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-  sockaddr_in addr = Loopback(port);
-  if (::bind(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
-      ::listen(fd.get(), 64) != 0)
-    return Fd();
-  return fd;
-}
-
-// A connection to 127.0.0.1:port from localPort (0: any); invalid with errno set on failure.
-Fd ConnectTo(uint16_t port, uint16_t localPort = 0) {
-  Fd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  if (localPort != 0) {
-    int one = 1;
-    ::setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    sockaddr_in local = Loopback(localPort);
-    if (::bind(fd.get(), reinterpret_cast<sockaddr*>(&local), sizeof local) != 0) return Fd();
-  }
-  sockaddr_in addr = Loopback(port);
-  if (::connect(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) return Fd();
-  return fd;
-}
+using testing::ConnectTo;
+using testing::Fd;
+using testing::ListenOn;
+using testing::LocalPortOf;
 
 // One connection taken from a listener, waiting up to `limit`.
 Fd AcceptOne(const Fd& listener, std::chrono::milliseconds limit = 10s) {
@@ -136,13 +88,6 @@ ReadResult ReadSome(const Fd& fd, std::chrono::milliseconds limit = 10s) {
   ssize_t n = ::recv(fd.get(), buffer, sizeof buffer, MSG_DONTWAIT);
   if (n < 0) return {"", errno};
   return {std::string(buffer, static_cast<size_t>(n)), 0};
-}
-
-uint16_t LocalPortOf(const Fd& fd) {
-  sockaddr_in addr{};
-  socklen_t length = sizeof addr;
-  ::getsockname(fd.get(), reinterpret_cast<sockaddr*>(&addr), &length);
-  return ntohs(addr.sin_port);
 }
 
 // Empty when this process may break a TCP connection (SOCK_DESTROY with CAP_NET_ADMIN),

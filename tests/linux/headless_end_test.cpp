@@ -4,11 +4,9 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -20,6 +18,7 @@
 #include <string>
 #include <thread>
 
+#include "linux/loopback.h"
 #include "linux/netns.h"
 #include "linux/peer_child.h"
 
@@ -111,21 +110,6 @@ class HeadlessFirewall {
   std::string seen_;
 };
 
-int ListenOnLoopback(uint16_t port) {
-  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  int on = 1;
-  setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-  if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || listen(fd, 8) != 0) {
-    close(fd);
-    return -1;
-  }
-  return fd;
-}
-
 class HeadlessEnd : public ::testing::TestWithParam<int> {
  protected:
   void SetUp() override {
@@ -135,7 +119,7 @@ class HeadlessEnd : public ::testing::TestWithParam<int> {
     std::filesystem::create_directories(home_);
   }
   void TearDown() override {
-    if (listener_ >= 0) close(listener_);
+    listener_.close();
     std::filesystem::remove_all(home_);
   }
 
@@ -143,8 +127,8 @@ class HeadlessEnd : public ::testing::TestWithParam<int> {
   void startWithAHeldProgram(HeadlessFirewall& firewall, PeerChild& client, bool closeOutput) {
     ASSERT_TRUE(firewall.waitFor("is watching")) << firewall.output();
     if (closeOutput) firewall.closeOutput();  // what `| head` does once it has its lines
-    listener_ = ListenOnLoopback(24501);
-    ASSERT_GE(listener_, 0) << std::strerror(errno);
+    listener_ = ListenOn(24501);
+    ASSERT_GE(listener_.get(), 0) << std::strerror(errno);
     ASSERT_EQ(client.error(), "");
     ASSERT_TRUE(client.send("connect 24501\n"));
     ASSERT_TRUE(client.waitUntilHeld(true, 10s))
@@ -152,7 +136,7 @@ class HeadlessEnd : public ::testing::TestWithParam<int> {
   }
 
   std::filesystem::path home_;
-  int listener_ = -1;
+  Fd listener_;
   static inline int runs_ = 0;
 };
 

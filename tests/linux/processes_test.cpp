@@ -21,6 +21,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -175,6 +176,32 @@ void ReplaceFile(const std::string& path) {
   fs::rename(path + ".new", path);
 }
 
+// thread_peer copied into a fresh folder as `name` and run from there.
+class RunningCopy {
+ public:
+  explicit RunningCopy(const std::string& name) {
+    if (folder_.path().empty()) {
+      error_ = std::string("no folder: ") + std::strerror(errno);
+      return;
+    }
+    path_ = folder_.path() + "/" + name;
+    CopyPeerTo(path_);
+    program_.emplace(path_);
+    if (!WaitFor([&] { return ExeText(pid()) == path_; }))
+      error_ = "the kernel shows " + ExeText(pid());
+  }
+  // Empty when the copy runs and the kernel shows its file as the executable.
+  const std::string& error() const { return error_; }
+  const std::string& path() const { return path_; }
+  pid_t pid() const { return program_ ? program_->pid() : -1; }
+
+ private:
+  TempFolder folder_;  // outlives the program, which is killed first
+  std::string path_;
+  std::optional<Child> program_;
+  std::string error_;
+};
+
 TEST(ProcessesList, NamesRunningProcessesByTheirExactExecutable) {
   TESSMARK_REQUIRE_PRIVATE_NETNS();
   tessmark::testing::ThreadPeerChild peer(0, /*busy=*/false);
@@ -194,12 +221,9 @@ TEST(ProcessesList, NamesRunningProcessesByTheirExactExecutable) {
 // Linux names an executable whose file is gone "<path> (deleted)".
 TEST(ProcessesList, AProgramReplacedWhileItRunsKeepsThePathItWasStartedFrom) {
   TESSMARK_REQUIRE_PRIVATE_NETNS();
-  TempFolder folder;
-  ASSERT_FALSE(folder.path().empty()) << std::strerror(errno);
-  const std::string path = folder.path() + "/tool";
-  CopyPeerTo(path);
-  Child program(path);
-  ASSERT_TRUE(WaitFor([&] { return ExeText(program.pid()) == path; })) << ExeText(program.pid());
+  RunningCopy program("tool");
+  ASSERT_EQ(program.error(), "");
+  const std::string& path = program.path();
 
   ReplaceFile(path);
   ASSERT_EQ(ExeText(program.pid()), path + " (deleted)");
@@ -208,12 +232,9 @@ TEST(ProcessesList, AProgramReplacedWhileItRunsKeepsThePathItWasStartedFrom) {
 
 TEST(ProcessesList, AFileReallyNamedWithTheKernelsMarkKeepsItsName) {
   TESSMARK_REQUIRE_PRIVATE_NETNS();
-  TempFolder folder;
-  ASSERT_FALSE(folder.path().empty()) << std::strerror(errno);
-  const std::string path = folder.path() + "/tool (deleted)";
-  CopyPeerTo(path);
-  Child program(path);
-  ASSERT_TRUE(WaitFor([&] { return ExeText(program.pid()) == path; })) << ExeText(program.pid());
+  RunningCopy program("tool (deleted)");
+  ASSERT_EQ(program.error(), "");
+  const std::string& path = program.path();
   EXPECT_EQ(PathOf(LinuxProcesses().list(), program.pid()), path);
 
   // Replaced in its turn, it carries the mark twice; the kernel's own goes.
@@ -224,12 +245,9 @@ TEST(ProcessesList, AFileReallyNamedWithTheKernelsMarkKeepsItsName) {
 
 TEST(ProcessesList, ADeletedProgramIsNotTheFileThatTookItsMarkedName) {
   TESSMARK_REQUIRE_PRIVATE_NETNS();
-  TempFolder folder;
-  ASSERT_FALSE(folder.path().empty()) << std::strerror(errno);
-  const std::string path = folder.path() + "/tool";
-  CopyPeerTo(path);
-  Child program(path);
-  ASSERT_TRUE(WaitFor([&] { return ExeText(program.pid()) == path; })) << ExeText(program.pid());
+  RunningCopy program("tool");
+  ASSERT_EQ(program.error(), "");
+  const std::string& path = program.path();
 
   // The program's file is deleted, and another file is made under the name the kernel shows.
   fs::remove(path);

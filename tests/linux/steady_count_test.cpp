@@ -4,9 +4,7 @@
 // count the monitor probes does not move; the connection must still be broken.
 
 #include <arpa/inet.h>
-#include <netinet/in.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -25,6 +23,7 @@
 
 #include <gtest/gtest.h>
 
+#include "linux/loopback.h"
 #include "linux/netns.h"
 #include "linux/peer_child.h"
 #include "monitor/engine.h"
@@ -37,56 +36,19 @@ namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
-class Socket {
- public:
-  explicit Socket(int fd = -1) : fd_(fd) {}
-  ~Socket() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  Socket(const Socket&) = delete;
-  Socket& operator=(const Socket&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
-
-sockaddr_in Loopback(uint16_t port) {
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(port);
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return addr;
-}
-
-int ListenAnywhere() {
-  int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in addr = Loopback(0);
-  if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
-      ::listen(fd, 8) != 0) {
-    if (fd >= 0) ::close(fd);
-    return -1;
-  }
-  return fd;
-}
-
-uint16_t PortOf(int fd) {
-  sockaddr_in addr{};
-  socklen_t length = sizeof addr;
-  ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &length);
-  return ntohs(addr.sin_port);
-}
+using testing::ConnectTo;
+using testing::Fd;
+using testing::ListenOn;
+using testing::LocalPortOf;
 
 // Empty when this process may break a TCP connection (SOCK_DESTROY with CAP_NET_ADMIN),
 // otherwise why not; tried on a connection of its own before any engine runs.
 std::string BreakingUnavailableReason() {
-  Socket listener(ListenAnywhere());
-  if (listener.get() < 0) return std::string("cannot listen: ") + std::strerror(errno);
-  Socket client(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  sockaddr_in addr = Loopback(PortOf(listener.get()));
-  if (::connect(client.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0)
-    return std::string("cannot connect: ") + std::strerror(errno);
-  const uint32_t rawPort = htons(PortOf(client.get()));
+  Fd listener = ListenOn(0);
+  if (!listener.valid()) return std::string("cannot listen: ") + std::strerror(errno);
+  Fd client = ConnectTo(LocalPortOf(listener));
+  if (!client.valid()) return std::string("cannot connect: ") + std::strerror(errno);
+  const uint32_t rawPort = htons(LocalPortOf(client));
   platform::linux_backend::LinuxConnectionTables tables;
   auto table = tables.tcpTable();
   if (!table) return "the TCP table cannot be read";
@@ -169,10 +131,10 @@ class SteadyCountEndToEnd : public ::testing::Test {
 };
 
 TEST_F(SteadyCountEndToEnd, ARefusedConnectionMadeAsTwoListenersCloseIsBroken) {
-  Socket server(ListenAnywhere());
+  Fd server = ListenOn(0);
   ASSERT_GE(server.get(), 0) << std::strerror(errno);
   const std::string peerPath = fs::canonical(testing::PeerPath("steady_peer")).string();
-  testing::PeerChild peer("steady_peer", {std::to_string(PortOf(server.get()))});
+  testing::PeerChild peer("steady_peer", {std::to_string(LocalPortOf(server))});
   ASSERT_EQ(peer.error(), "");
   rule(fs::read_symlink("/proc/self/exe").string(), AccessAllow);  // the server's side
   rule(peerPath, AccessDeny);

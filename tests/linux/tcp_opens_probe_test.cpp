@@ -2,10 +2,7 @@
 // real kernel, where it moves at each connect() and at each connection a listener takes in,
 // while the row count of sockstat stands still as two listeners close at the same time.
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -13,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include "linux/loopback.h"
 #include "linux/netns.h"
 #include "platform/linux/linux_tables.h"
 #include "platform/linux/sockstat_probe.h"
@@ -79,56 +77,19 @@ TEST(TcpOpensText, AMissingFileGivesNothing) {
 
 // ---------------------------------------------------------------------------------------
 
-class Socket {
- public:
-  explicit Socket(int fd) : fd_(fd) {}
-  ~Socket() { close(); }
-  Socket(const Socket&) = delete;
-  Socket& operator=(const Socket&) = delete;
-  int get() const { return fd_; }
-  void close() {
-    if (fd_ >= 0) ::close(fd_);
-    fd_ = -1;
-  }
-
- private:
-  int fd_;
-};
-
-sockaddr_in Loopback(uint16_t port) {
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(port);
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return addr;
-}
-
-// A listener on a loopback port of the kernel's choosing; -1 on failure.
-int ListenAnywhere() {
-  int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in addr = Loopback(0);
-  if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
-      ::listen(fd, 8) != 0) {
-    if (fd >= 0) ::close(fd);
-    return -1;
-  }
-  return fd;
-}
-
-uint16_t PortOf(int fd) {
-  sockaddr_in addr{};
-  socklen_t length = sizeof addr;
-  ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &length);
-  return ntohs(addr.sin_port);
-}
+using testing::Connect;
+using testing::Fd;
+using testing::ListenOn;
+using testing::LocalPortOf;
+using testing::TcpSocket;
 
 TEST(TcpOpensKernel, EachConnectAndEachTakenConnectionCountsWhileTheRowCountStands) {
   TESSMARK_REQUIRE_PRIVATE_NETNS();
-  Socket server(ListenAnywhere());
-  Socket spareA(ListenAnywhere());
-  Socket spareB(ListenAnywhere());
+  Fd server = ListenOn(0);
+  Fd spareA = ListenOn(0);
+  Fd spareB = ListenOn(0);
   ASSERT_TRUE(server.get() >= 0 && spareA.get() >= 0 && spareB.get() >= 0) << std::strerror(errno);
-  Socket client(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  Fd client = TcpSocket();
   ASSERT_GE(client.get(), 0);
 
   SockstatProbe rows;
@@ -142,10 +103,8 @@ TEST(TcpOpensKernel, EachConnectAndEachTakenConnectionCountsWhileTheRowCountStan
   // Two listeners go as two connection ends come: the client's and the one the server takes.
   spareA.close();
   spareB.close();
-  sockaddr_in addr = Loopback(PortOf(server.get()));
-  ASSERT_EQ(::connect(client.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0)
-      << std::strerror(errno);
-  Socket taken(::accept4(server.get(), nullptr, nullptr, SOCK_CLOEXEC));
+  ASSERT_TRUE(Connect(client, LocalPortOf(server))) << std::strerror(errno);
+  Fd taken(::accept4(server.get(), nullptr, nullptr, SOCK_CLOEXEC));
   ASSERT_GE(taken.get(), 0) << std::strerror(errno);
 
   auto rowsAfter = rows.read();

@@ -9,8 +9,6 @@
 // Exit status: 0 when the connection was aborted under it (ECONNABORTED, during the handshake
 // or after), 1 when it ended any other way, 2 when it could not be set up.
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -20,26 +18,12 @@
 #include <cstdlib>
 #include <string>
 
-namespace {
+#include "linux/loopback.h"
 
-sockaddr_in Loopback(uint16_t port) {
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(port);
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return addr;
-}
-
-int Listener() {
-  int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in addr = Loopback(0);
-  if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
-      ::listen(fd, 8) != 0)
-    std::exit(2);
-  return fd;
-}
-
-}  // namespace
+using tessmark::testing::Connect;
+using tessmark::testing::Fd;
+using tessmark::testing::ListenOn;
+using tessmark::testing::TcpSocket;
 
 int main(int argc, char** argv) {
   if (argc != 2) return 2;
@@ -49,30 +33,28 @@ int main(int argc, char** argv) {
   sigemptyset(&go);
   sigaddset(&go, SIGUSR1);
   if (::sigprocmask(SIG_BLOCK, &go, nullptr) != 0) return 2;
-  int first = Listener();
-  int second = Listener();
+  Fd first = ListenOn(0);
+  Fd second = ListenOn(0);
   // Made before the signal, so that the swap below is three calls and nothing else.
-  int client = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (client < 0) return 2;
-  sockaddr_in server = Loopback(serverPort);
+  Fd client = TcpSocket();
+  if (!first.valid() || !second.valid() || !client.valid()) return 2;
   std::string ready = "ready " + std::to_string(::getpid()) + "\n";
   if (::write(STDOUT_FILENO, ready.data(), ready.size()) != static_cast<ssize_t>(ready.size()))
     return 2;
   int signal = 0;
   if (::sigwait(&go, &signal) != 0) return 2;
 
-  ::close(first);
-  ::close(second);
-  if (::connect(client, reinterpret_cast<sockaddr*>(&server), sizeof server) != 0)
-    return errno == ECONNABORTED ? 0 : 1;
+  first.close();
+  second.close();
+  if (!Connect(client, serverPort)) return errno == ECONNABORTED ? 0 : 1;
   for (;;) {
-    pollfd p{client, POLLIN, 0};
+    pollfd p{client.get(), POLLIN, 0};
     if (::poll(&p, 1, -1) < 0) {
       if (errno == EINTR) continue;
       return 1;
     }
     char buffer[64];
-    ssize_t n = ::recv(client, buffer, sizeof buffer, 0);
+    ssize_t n = ::recv(client.get(), buffer, sizeof buffer, 0);
     if (n < 0) return errno == ECONNABORTED ? 0 : 1;
     if (n == 0) return 1;
   }
