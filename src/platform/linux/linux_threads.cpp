@@ -196,22 +196,23 @@ int32_t LinuxThreads::resumeThread(uint32_t threadId) {
 }
 
 // A pidfd turns readable only once every thread is released, and a traced thread that died
-// waits for its tracer to take its end. So a process with traced threads has ended when they
-// are all dead; the main thread is asked first, as it is dead only in such an end (or when it
-// alone left early, which the check of every thread then tells apart).
+// waits for its tracer to take its end. A thread held in its trace stop ends only with its
+// whole process (a kill, or an exec by a thread that was not held), so one traced thread's end
+// tells; its report is looked at, not taken. A thread other than the main one is asked: the
+// main thread's end is reported only after all the others'.
 bool LinuxThreads::tracedThreadsAllEnded(int32_t pid) const {
-  auto dead = [](pid_t tid) {
-    std::optional<ProcessStat> stat = ReadProcessStat(tid);
-    return !stat || stat->state == 'Z' || stat->state == 'X';
-  };
-  if (!dead(pid)) return false;
-  bool anyTraced = false;
+  pid_t probe = 0;
   for (const auto& [tid, thread] : threads_) {
     if (thread.pid != pid || !thread.traced) continue;
-    anyTraced = true;
-    if (!dead(static_cast<pid_t>(tid))) return false;
+    probe = static_cast<pid_t>(tid);
+    if (probe != pid) break;
   }
-  return anyTraced;
+  if (probe == 0) return false;
+  siginfo_t info{};
+  if (waitid(P_PID, static_cast<id_t>(probe), &info, WEXITED | WNOHANG | WNOWAIT | __WALL) != 0)
+    return true;  // no longer anyone's to wait for: reaped already
+  return info.si_pid == probe &&
+         (info.si_code == CLD_EXITED || info.si_code == CLD_KILLED || info.si_code == CLD_DUMPED);
 }
 
 bool LinuxThreads::hasHeldThreads(int32_t pid) const {
