@@ -250,6 +250,23 @@ TEST(ThreadsSuspension, LedgerListsProcessesStoppedBySignalWhileTheyAreHeld) {
   EXPECT_FALSE(std::filesystem::exists(ledger)) << "nothing held, no ledger";
 }
 
+// A signal sent to a held program waits for the end of the hold, and then does what it does.
+TEST_P(ThreadsByMethod, ASignalThatArrivesDuringAHoldActsAfterIt) {
+  TESSMARK_REQUIRE_PRIVATE_NETNS();
+  START_PEER(peer, 2, /*busy=*/true);
+  LinuxThreads threads({}, GetParam());
+  HoldAll(threads, peer.pid());
+  ASSERT_TRUE(peer.waitUntilHeld(true));
+  kill(peer.pid(), SIGTERM);
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  EXPECT_TRUE(peer.held()) << "state " << peer.state();
+  EXPECT_FALSE(peer.reap(std::chrono::milliseconds(0))) << "ended during the hold";
+  ResumeAll(threads, peer.pid());
+  std::optional<int> status = peer.reap();
+  ASSERT_TRUE(status) << "the signal was lost";
+  EXPECT_TRUE(WIFSIGNALED(*status) && WTERMSIG(*status) == SIGTERM) << "status " << *status;
+}
+
 TEST_P(ThreadsByMethod, ReleaseAllHoldsContinuesAndClearsCounts) {
   TESSMARK_REQUIRE_PRIVATE_NETNS();
   START_PEER(peer, 2, /*busy=*/true);

@@ -79,18 +79,22 @@ bool CollectStop(TracedThread& thread, std::chrono::microseconds wait) {
 }
 
 bool Detach(TracedThread& thread) {
-  auto signal = reinterpret_cast<void*>(static_cast<intptr_t>(thread.pendingSignal));
-  // The kernel lets go only of a thread in its trace stop; one whose stop is still due (it was
-  // in an uninterruptible sleep) is waited for.
-  bool tracee = true;
+  // The kernel lets go only of a thread in its trace stop; one whose stop is still due (the
+  // hold does not wait for it, and a thread in an uninterruptible sleep stops late) is waited
+  // for. Its stop report is read first: it names a signal the thread may have stopped to take.
+  bool gone = false;
   bool detached = PollUntil(kStopConfirm, [&] {
+    if (!thread.stopSeen && !CollectStop(thread, std::chrono::microseconds(0))) {
+      gone = true;
+      return true;
+    }
+    auto signal = reinterpret_cast<void*>(static_cast<intptr_t>(thread.pendingSignal));
     if (ptrace(PTRACE_DETACH, thread.tid, nullptr, signal) == 0) return true;
     std::optional<ProcessStat> stat = ReadProcessStat(thread.tid);
-    tracee = stat && stat->state != 'Z' && stat->state != 'X' &&
-             CollectStop(thread, std::chrono::microseconds(0));
-    return !tracee;
+    gone = !stat || stat->state == 'Z' || stat->state == 'X';
+    return gone;
   });
-  return detached && tracee;
+  return detached && !gone;
 }
 
 void ReapEnded(const TracedThread& thread, pid_t processId, pid_t realParent) {
