@@ -27,6 +27,7 @@
 
 #include <gtest/gtest.h>
 
+#include "linux/loopback.h"
 #include "linux/netns.h"
 #include "linux/peer_child.h"
 #include "platform/linux/linux_tables.h"
@@ -37,27 +38,7 @@ namespace {
 
 const uint32_t kLoopback = inet_addr("127.0.0.1");
 
-// A file descriptor closed when it goes out of scope.
-class Fd {
- public:
-  Fd() = default;
-  explicit Fd(int fd) : fd_(fd) {}
-  Fd(Fd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-  Fd& operator=(Fd&& other) noexcept {
-    reset();
-    fd_ = std::exchange(other.fd_, -1);
-    return *this;
-  }
-  ~Fd() { reset(); }
-  int get() const { return fd_; }
-  void reset() {
-    if (fd_ >= 0) ::close(fd_);
-    fd_ = -1;
-  }
-
- private:
-  int fd_ = -1;
-};
+using tessmark::testing::Fd;
 
 sockaddr_in Loopback(uint16_t port) {
   sockaddr_in addr{};
@@ -211,8 +192,8 @@ struct SocketZoo {
     {
       auto pair = ConnectPair(listener, port);
       timeWaitClientPort = RawLocalPort(pair.first);
-      pair.first.reset();
-      pair.second.reset();
+      pair.first.close();
+      pair.second.close();
     }
     // Half-closed, then closed by the client while the server keeps its end: the client
     // becomes a TIME_WAIT socket that still reports FIN_WAIT2; the server stays in CLOSE_WAIT.
@@ -221,7 +202,7 @@ struct SocketZoo {
       finWait2ClosedPort = RawLocalPort(pair.first);
       ::shutdown(pair.first.get(), SHUT_WR);
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
-      pair.first.reset();
+      pair.first.close();
       finWait2Server = std::move(pair.second);
     }
     // UDP: two bound, one connected to the first; one never bound is not counted.
@@ -374,7 +355,7 @@ TEST(LinuxTableRows, OrphanedConnectionIsARowWithoutOwner) {
   while (::send(client.get(), data.data(), data.size(), MSG_NOSIGNAL) > 0) {
   }
   uint32_t clientPort = RawLocalPort(client);
-  client.reset();
+  client.close();
 
   LinuxConnectionTables tables;
   std::optional<TcpOwnerRow> orphan;
@@ -412,7 +393,7 @@ TEST(LinuxTableRows, AConnectionNotYetAcceptedBelongsToItsListener) {
   std::vector<char> data(65536, 'x');
   while (::send(closedServer.get(), data.data(), data.size(), MSG_NOSIGNAL) > 0) {
   }
-  closedServer.reset();
+  closedServer.close();
 
   pollfd waiting{exact.get(), POLLIN, 0};
   ASSERT_EQ(::poll(&waiting, 1, 2000), 1) << "nothing waits in this process's listener";
