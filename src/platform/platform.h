@@ -54,8 +54,9 @@ class ConnectionTables {
   // count stays where it was. As cheap as the counts above; nullopt when it is unknown.
   virtual std::optional<uint32_t> tcpOpenCount() = 0;
 
-  // The full tables with owner ids, in the system's order. Their rows are exactly what the
-  // counts above count. nullopt when the source failed.
+  // The full tables with owner ids, in the system's order: on a real system sorted by local
+  // address, local port, remote address and remote port, each as a number. Their rows are
+  // exactly what the counts above count. nullopt when the source failed.
   virtual std::optional<std::vector<TcpOwnerRow>> tcpTable() = 0;
   virtual std::optional<std::vector<UdpOwnerRow>> udpTable() = 0;
 

@@ -121,7 +121,7 @@ int32_t modChecksum::CRC32File(const std::string& path, int16_t checkMode, int16
   // 2. Open. In check mode a missing file is created empty, as opening for binary access
   //    always did: a missing known-program list leaves an empty file behind. A program's
   //    file is never created: a path that names none (a program whose file was deleted
-  //    reads "<path> (deleted)") must not leave a file of that name. Read-write only when writing,
+  //    and not replaced) must not leave a file of that name. Read-write only when writing,
   //    with read-only as the fallback (a running program's file cannot be opened for
   //    writing, and program files seldom belong to the user); writing then fails. A
   //    non-blocking open never waits on a pipe that took the path since the stat.
