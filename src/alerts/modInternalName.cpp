@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "rules/line_reader.h"
+#include "rules/program_file.h"
 
 namespace tessmark {
 
@@ -54,8 +54,10 @@ std::string InternalNameOf(const std::string& bytes) {
 }
 
 std::string GetInternalName(const std::string& path) {
+  // 64 MiB bound the memory a name costs; a larger program is searched at its start and end.
+  constexpr size_t kScanLimit = size_t{64} << 20;
   std::string bytes;
-  if (!ReadWholeFile(path, bytes)) return {};
+  if (!ReadProgramFile(path, kScanLimit, bytes)) return {};
   return InternalNameOf(bytes);
 }
 

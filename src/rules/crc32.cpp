@@ -266,4 +266,33 @@ uint32_t Update(uint32_t reg, const void* data, size_t size) {
   return UpdateBy(FastestMethod(), reg, data, size);
 }
 
+namespace {
+
+// a * b modulo the polynomial, both in the reflected form the register has (bit 31 is x^0).
+uint32_t MultiplyModulo(uint32_t a, uint32_t b) {
+  constexpr uint32_t kReflectedPolynomial = 0xEDB88320u;
+  uint32_t product = 0;
+  for (uint32_t bit = 1u << 31; bit != 0 && a != 0; bit >>= 1) {
+    if (a & bit) {
+      product ^= b;
+      a ^= bit;
+    }
+    b = (b & 1) != 0 ? (b >> 1) ^ kReflectedPolynomial : b >> 1;
+  }
+  return product;
+}
+
+}  // namespace
+
+uint32_t UpdateZeros(uint32_t reg, uint64_t count) {
+  // A zero byte shifts the register by eight places: reg * x^8. Square-and-multiply over the
+  // bits of the count.
+  uint32_t power = 1u << (31 - 8);  // x^8
+  for (; count != 0; count >>= 1) {
+    if ((count & 1) != 0) reg = MultiplyModulo(power, reg);
+    power = MultiplyModulo(power, power);
+  }
+  return reg;
+}
+
 }  // namespace tessmark::crc32

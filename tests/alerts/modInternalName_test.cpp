@@ -3,8 +3,16 @@
 // name when there is no resource.
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
 
 #include "alerts/modInternalName.h"
+#include "rules/program_file.h"
 #include "support/sim_engine.h"
 
 namespace tessmark {
@@ -46,6 +54,35 @@ TEST(InternalName, NoResourceGivesNothing) {
   EXPECT_EQ(InternalNameOf("InternalName\x01\x02\x03\x04\x05no end"), "");
   EXPECT_EQ(InternalNameOf("Internal"), "");
   EXPECT_EQ(GetInternalName("/no/such/file"), "");
+}
+
+// What stands at a program's path is untrusted: a FIFO must not hold the engine (the open
+// would wait for a writer), a device must not be read for ever, and a large file must not cost
+// its size in memory. The name of a large program still comes from the end of its file.
+TEST(InternalName, OnlyARegularFileIsReadAndNeverWholeWhenLarge) {
+  std::string dir = ::testing::TempDir() + "tessmark-name-" + std::to_string(::getpid());
+  std::filesystem::create_directories(dir);
+  std::string fifo = dir + "/fifo";
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0) << std::strerror(errno);
+  EXPECT_EQ(GetInternalName(fifo), "");
+  std::string zero = dir + "/zero";
+  std::filesystem::create_symlink("/dev/zero", zero);
+  EXPECT_EQ(GetInternalName(zero), "");
+  EXPECT_EQ(GetInternalName(dir), "");
+
+  std::string large = dir + "/large";
+  {
+    std::ofstream out(large, std::ios::binary);
+    out << std::string(size_t{80} << 20, 'x')
+        << "StringFileInfo InternalName\x01\x02\x03\x04\x05"s + "Big Tool\x00\x00\x00"s;
+  }
+  EXPECT_EQ(GetInternalName(large), "Big Tool");
+  std::string bytes;
+  ASSERT_TRUE(ReadProgramFile(large, size_t{1} << 20, bytes));
+  EXPECT_EQ(bytes.size(), size_t{1} << 20) << "half the limit from each end";
+  EXPECT_EQ(bytes.substr(0, 4), "xxxx");
+  EXPECT_EQ(bytes.substr(bytes.size() - 3), "\x00\x00\x00"s);
+  std::filesystem::remove_all(dir);
 }
 
 TEST(InternalName, TheAlertNamesAProgramWithoutResourceByItsFileName) {
