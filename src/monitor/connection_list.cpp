@@ -2,6 +2,7 @@
 // connection list rebuilt from it. It judges nothing, breaks nothing and touches no rule.
 
 #include <cctype>
+#include <charconv>
 #include <cstdlib>
 #include <string>
 #include <unordered_map>
@@ -22,7 +23,9 @@ double leadingNumber(const std::string& text) {
     ++end;
     while (end < text.size() && std::isdigit(static_cast<unsigned char>(text[end])) != 0) ++end;
   }
-  return end == 0 ? 0.0 : std::strtod(text.substr(0, end).c_str(), nullptr);
+  double value = 0.0;  // read whatever the locale's decimal mark is
+  std::from_chars(text.data(), text.data() + end, value);
+  return value;
 }
 
 void showRecord(ConnectionListRow& row, const ConnectionRecord& record) {

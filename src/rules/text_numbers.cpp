@@ -1,6 +1,7 @@
 #include "rules/text_numbers.h"
 
 #include <cctype>
+#include <charconv>
 #include <cmath>
 #include <cstdlib>
 #include <limits>
@@ -59,11 +60,13 @@ std::optional<double> DoubleFromText(std::string_view text) {
   while (!text.empty() && isBlank(text.front())) text.remove_prefix(1);
   while (!text.empty() && isBlank(text.back())) text.remove_suffix(1);
   if (!isNumber(text)) return std::nullopt;
-  // strtod is locale-bound for the decimal mark; the text was checked to use ".".
-  std::string copy(text);
-  char* end = nullptr;
-  double value = std::strtod(copy.c_str(), &end);
-  if (!std::isfinite(value)) return std::nullopt;
+  // from_chars reads "." whatever the process's locale says (strtod would take a German
+  // locale's "," and read "3.7" as 3); it takes no "+".
+  if (text.front() == '+') text.remove_prefix(1);
+  double value = 0;
+  auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (error != std::errc() || end != text.data() + text.size() || !std::isfinite(value))
+    return std::nullopt;
   return value;
 }
 

@@ -8,6 +8,7 @@
 #include <locale>
 #include <sstream>
 #include <stdexcept>
+#include <string_view>
 
 namespace tessmark::platform::linux_backend {
 
@@ -45,7 +46,7 @@ std::string localText(const char* userForm, const char* fixedForm) {
   std::tm local{};
   localtime_r(&now, &local);
   const std::locale& locale = userLocale();
-  bool plain = locale.name() == "C" || locale.name() == "POSIX";
+  bool plain = IsPlainLocaleName(locale.name());
   std::ostringstream text;
   text.imbue(plain ? std::locale::classic() : locale);
   text << std::put_time(&local, plain ? fixedForm : userForm);
@@ -53,6 +54,17 @@ std::string localText(const char* userForm, const char* fixedForm) {
 }
 
 }  // namespace
+
+bool IsPlainLocaleName(const std::string& name) {
+  // A name that sets its categories one by one ("LC_CTYPE=...;LC_TIME=C.UTF-8;...") is judged
+  // by its time category, which the dates follow.
+  std::string_view time = name;
+  if (size_t at = time.find("LC_TIME="); at != std::string_view::npos) {
+    time.remove_prefix(at + 8);
+    time = time.substr(0, time.find(';'));
+  }
+  return time == "C" || time == "POSIX" || time.starts_with("C.");
+}
 
 std::string LinuxClock::dateText() {
   return localText("%x", "%d.%m.%Y");
