@@ -211,9 +211,25 @@ int32_t modChecksum::CRC32File(const std::string& path, int16_t checkMode, int16
   return static_cast<int32_t>(crc);
 }
 
+std::optional<modChecksum::FileVersion> modChecksum::VersionOf(const std::string& path) {
+  struct stat status {};
+  if (path.find('\0') != std::string::npos || ::stat(path.c_str(), &status) != 0 ||
+      !IsRegular(status))
+    return std::nullopt;
+  auto nanoseconds = [](const timespec& t) {
+    return static_cast<int64_t>(t.tv_sec) * 1000000000 + t.tv_nsec;
+  };
+  return FileVersion{status.st_dev, status.st_ino, status.st_size, nanoseconds(status.st_mtim),
+                     nanoseconds(status.st_ctim)};
+}
+
 int32_t modChecksum::GetCrc32Hash(const std::string& path, int32_t& pid) {
   // The alert dialog, whose program stands frozen already, passes -1.
   if (pid == -1) return CRC32File(path, 0, 0);
+  std::optional<FileVersion> before = VersionOf(path);
+  if (auto known = knownChecksums_.find(path);
+      before && known != knownChecksums_.end() && known->second.version == *before)
+    return known->second.crc;
   // The pumps run outside the reading only: the program must not run while its file is read,
   // and the screen lives on before and after.
   pause_.SuspendThreads(pid);
@@ -222,6 +238,14 @@ int32_t modChecksum::GetCrc32Hash(const std::string& path, int32_t& pid) {
   pump_.pumpOnce();
   pause_.ResumeThreads(pid);
   pump_.pumpOnce();
+  // Kept only for a version that stood still while it was read; 0 is what a failed read
+  // gives, and is read again.
+  std::optional<FileVersion> after = VersionOf(path);
+  if (crc != 0 && before && after && *before == *after) {
+    constexpr size_t kKeptFiles = 4096;  // far more programs than a desktop runs at once
+    if (knownChecksums_.size() >= kKeptFiles) knownChecksums_.clear();
+    knownChecksums_[path] = KnownChecksum{*before, crc};
+  }
   return crc;
 }
 

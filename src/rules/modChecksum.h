@@ -6,7 +6,9 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
+#include <unordered_map>
 
 #include "monitor/message_pump.h"
 #include "monitor/ui_port.h"
@@ -36,13 +38,29 @@ class modChecksum {
   int32_t CRC32File(const std::string& path, int16_t checkMode, int16_t writeMode);
 
   // The checksum of a program that may be running: the process stands frozen while its file
-  // is read, with the pump run around the reading. A pid of -1 reads the file alone.
+  // is read, with the pump run around the reading. A pid of -1 reads the file alone. A file
+  // read before and unchanged since (same device, inode, size, modification and change
+  // times) gives the checksum it gave then, without a freeze: a program that comes and goes
+  // is not frozen at each return.
   int32_t GetCrc32Hash(const std::string& path, int32_t& pid);
 
   std::array<int32_t, 256> CrcTable{};
   int16_t CrcTableReady = 0;
 
  private:
+  // What identifies one version of a file without reading it.
+  struct FileVersion {
+    uint64_t device = 0, inode = 0;
+    int64_t size = 0, modified = 0, changed = 0;  // times in nanoseconds
+    friend bool operator==(const FileVersion&, const FileVersion&) = default;
+  };
+  struct KnownChecksum {
+    FileVersion version;
+    int32_t crc = 0;
+  };
+  static std::optional<FileVersion> VersionOf(const std::string& path);
+
+  std::unordered_map<std::string, KnownChecksum> knownChecksums_;
   modPauseProcess& pause_;
   MessagePump& pump_;
   UiPort& ui_;

@@ -337,6 +337,21 @@ TEST_F(Checksum, GetCrc32HashReadsTheFileWhileTheProgramStandsFrozen) {
   EXPECT_EQ(m.sim.suspensionDepth(42), 0);
 }
 
+// A program that comes and goes is frozen for its checksum once per version of its file.
+TEST_F(Checksum, AnUnchangedFileIsReadAndItsProgramFrozenOnce) {
+  m.program(42, "/usr/bin/app", 2);
+  std::string path = write("app", kCheck);
+  int32_t pid = 42;
+  EXPECT_EQ(checksum.GetCrc32Hash(path, pid), kCheckCrcSigned);
+  EXPECT_EQ(checksum.GetCrc32Hash(path, pid), kCheckCrcSigned);
+  EXPECT_EQ(m.sim.suspendedThreadLog.size(), 2u) << "one freeze of both threads";
+
+  write("app", "The quick brown fox jumps over the lazy dog");
+  EXPECT_EQ(static_cast<uint32_t>(checksum.GetCrc32Hash(path, pid)), 0x414FA339u);
+  EXPECT_EQ(m.sim.suspendedThreadLog.size(), 4u) << "a changed file is read again";
+  EXPECT_EQ(m.sim.suspensionDepth(42), 0);
+}
+
 TEST_F(Checksum, GetCrc32HashOfNoProgramFreezesAndPumpsNothing) {
   m.program(42, "/usr/bin/app");
   bool ran = false;
