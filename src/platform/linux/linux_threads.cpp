@@ -257,7 +257,7 @@ bool LinuxThreads::holdThread(uint32_t threadId, int32_t pid, ThreadHold& thread
     // The stop follows within microseconds; it is not waited for here, as a thread's
     // suspension does not wait on the system either, and a program of many threads would
     // stand half-frozen the longer. Letting go waits for the stop where it is still due.
-    switch (SeizeAndStop(thread.trace, std::chrono::microseconds(0))) {
+    switch (SeizeAndStop(thread.trace)) {
       case SeizeResult::kHeld:
         thread.traced = true;
         return true;

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <thread>
@@ -17,7 +18,8 @@ namespace tessmark::platform::linux_backend {
 namespace {
 
 constexpr auto kPollInterval = std::chrono::microseconds(50);
-constexpr auto kStopConfirm = std::chrono::milliseconds(200);
+// The longest a stop still due or an end under way is waited for.
+constexpr auto kLongestWait = std::chrono::milliseconds(200);
 
 // A stop normally follows within microseconds, once the thread gets a processor: the first
 // tries only yield the processor to it, later ones sleep.
@@ -37,45 +39,30 @@ bool PollUntil(std::chrono::microseconds wait, Step step) {
 
 }  // namespace
 
-SeizeResult SeizeAndStop(TracedThread& thread, std::chrono::microseconds wait) {
+SeizeResult SeizeAndStop(TracedThread& thread) {
   thread.stopSeen = false;
   thread.pendingSignal = 0;
   if (ptrace(PTRACE_SEIZE, thread.tid, nullptr, nullptr) != 0)
     return errno == ESRCH ? SeizeResult::kGone : SeizeResult::kRefused;
   if (ptrace(PTRACE_INTERRUPT, thread.tid, nullptr, nullptr) != 0) return SeizeResult::kGone;
-  CollectStop(thread, wait);
+  CollectStop(thread);
   return SeizeResult::kHeld;
 }
 
-bool CollectStop(TracedThread& thread, std::chrono::microseconds wait) {
-  bool tracee = true;
-  int tries = 0;
-  PollUntil(wait, [&] {
-    if (thread.stopSeen) return true;
-    // Stops only: an ended thread is left for ReapEnded, which knows whose end it is to take.
-    siginfo_t info{};
-    if (waitid(P_PID, static_cast<id_t>(thread.tid), &info, WSTOPPED | WNOHANG | __WALL) != 0) {
-      tracee = false;
-      return true;
-    }
-    if (info.si_pid != thread.tid) {
-      // Another thread of this process may have taken the report first: a parent's wait from
-      // the tracer's own process sees its traced children's stops too. The state tells; it
-      // costs a file read, so it is asked now and then.
-      if (++tries % 16 != 0) return false;
-      std::optional<ProcessStat> stat = ReadProcessStat(thread.tid);
-      thread.stopSeen = stat && stat->state == 't';
-      return thread.stopSeen;
-    }
-    // A trace stop reports its signal in the low byte and the ptrace event above it. The
-    // interrupt's own stop and a group stop carry PTRACE_EVENT_STOP; with no event, the thread
-    // stopped on its way to take a signal, which must not be lost.
-    int event = (info.si_status >> 8) & 0xff;
-    if (info.si_code == CLD_TRAPPED && event == 0) thread.pendingSignal = info.si_status & 0x7f;
-    thread.stopSeen = true;
-    return true;
-  });
-  return tracee;
+bool CollectStop(TracedThread& thread) {
+  if (thread.stopSeen) return true;
+  // Stops only: an ended thread is left for ReapEnded, which knows whose end it is to take.
+  siginfo_t info{};
+  if (waitid(P_PID, static_cast<id_t>(thread.tid), &info, WSTOPPED | WNOHANG | __WALL) != 0)
+    return false;
+  if (info.si_pid != thread.tid) return true;  // not stopped yet, or its report taken by another
+  // A trace stop reports its signal in the low byte and the ptrace event above it. The
+  // interrupt's own stop and a group stop carry PTRACE_EVENT_STOP; with no event, the thread
+  // stopped on its way to take a signal, which must not be lost.
+  int event = (info.si_status >> 8) & 0xff;
+  if (info.si_code == CLD_TRAPPED && event == 0) thread.pendingSignal = info.si_status & 0x7f;
+  thread.stopSeen = true;
+  return true;
 }
 
 bool Detach(TracedThread& thread) {
@@ -83,8 +70,8 @@ bool Detach(TracedThread& thread) {
   // hold does not wait for it, and a thread in an uninterruptible sleep stops late) is waited
   // for. Its stop report is read first: it names a signal the thread may have stopped to take.
   bool gone = false;
-  bool detached = PollUntil(kStopConfirm, [&] {
-    if (!thread.stopSeen && !CollectStop(thread, std::chrono::microseconds(0))) {
+  bool detached = PollUntil(kLongestWait, [&] {
+    if (!CollectStop(thread)) {
       gone = true;
       return true;
     }
@@ -99,7 +86,7 @@ bool Detach(TracedThread& thread) {
 
 void ReapEnded(const TracedThread& thread, pid_t processId, pid_t realParent) {
   if (thread.tid == processId && realParent == getpid()) return;
-  PollUntil(std::chrono::milliseconds(200), [&] {
+  PollUntil(kLongestWait, [&] {
     siginfo_t info{};
     int result = waitid(P_PID, static_cast<id_t>(thread.tid), &info, WEXITED | WNOHANG | __WALL);
     return result != 0 || info.si_pid == thread.tid;

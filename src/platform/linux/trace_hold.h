@@ -10,7 +10,6 @@
 
 #include <sys/types.h>
 
-#include <chrono>
 #include <cstdint>
 
 namespace tessmark::platform::linux_backend {
@@ -27,14 +26,16 @@ struct TracedThread {
   int pendingSignal = 0;  // a signal the thread stopped to take; handed back at the detach
 };
 
-// Seizes `tid`, interrupts it and waits up to `wait` for its stop. Unconfirmed after the wait,
-// the stop is still due: it takes effect as soon as the thread can stop (a thread in an
-// uninterruptible sleep stops when the sleep ends).
-SeizeResult SeizeAndStop(TracedThread& thread, std::chrono::microseconds wait);
+// Seizes `tid` and interrupts it. The stop follows within microseconds, once the thread gets a
+// processor (a thread in an uninterruptible sleep stops when the sleep ends); it is not waited
+// for here.
+SeizeResult SeizeAndStop(TracedThread& thread);
 
-// Takes a stop report of a seized thread if one waits (or until `wait` runs out). False once
-// the thread no longer exists as a tracee (it ended, or was let go).
-bool CollectStop(TracedThread& thread, std::chrono::microseconds wait);
+// Takes the thread's stop report if one waits, without waiting. False once the thread no longer
+// exists as a tracee (it ended, or was let go). A report that another thread of this process
+// took (a parent's wait from the tracer's own process sees its traced children's stops) is
+// missed; Detach copes.
+bool CollectStop(TracedThread& thread);
 
 // Lets the thread run on, handing back the signal it stopped for. False when the thread is not
 // in a trace stop of ours (not stopped yet, or gone).
