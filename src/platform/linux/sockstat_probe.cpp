@@ -1,9 +1,5 @@
 #include "platform/linux/sockstat_probe.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <charconv>
 
 namespace tessmark::platform::linux_backend {
@@ -44,23 +40,14 @@ std::optional<SockstatCounts> ParseSockstat(std::string_view text) {
   return SockstatCounts{*tcp, *udp};
 }
 
-SockstatProbe::SockstatProbe(const std::string& procRoot)
-    : fd_(::open((procRoot + "/net/sockstat").c_str(), O_RDONLY | O_CLOEXEC)) {}
-
-SockstatProbe::~SockstatProbe() {
-  if (fd_ >= 0) ::close(fd_);
-}
+SockstatProbe::SockstatProbe(const std::string& procRoot) : file_(procRoot + "/net/sockstat") {}
 
 std::optional<SockstatCounts> SockstatProbe::read() const {
-  if (fd_ < 0) return std::nullopt;
   // The file is about 200 bytes; the seq_file hands it whole to a read from offset 0.
   char buffer[1024];
-  ssize_t n;
-  do {
-    n = ::pread(fd_, buffer, sizeof buffer, 0);
-  } while (n < 0 && errno == EINTR);
-  if (n <= 0) return std::nullopt;
-  return ParseSockstat(std::string_view(buffer, static_cast<size_t>(n)));
+  std::optional<std::string_view> text = file_.read(buffer, sizeof buffer);
+  if (!text) return std::nullopt;
+  return ParseSockstat(*text);
 }
 
 }  // namespace tessmark::platform::linux_backend

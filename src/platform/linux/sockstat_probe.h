@@ -9,6 +9,8 @@
 #include <string>
 #include <string_view>
 
+#include "platform/linux/kept_open_file.h"
+
 namespace tessmark::platform::linux_backend {
 
 // "inuse" of the TCP and UDP lines of /proc/net/sockstat, for the network namespace the file
@@ -27,15 +29,12 @@ class SockstatProbe {
  public:
   // Opens <procRoot>/net/sockstat. A failure to open is reported by read(), not thrown.
   explicit SockstatProbe(const std::string& procRoot = "/proc");
-  ~SockstatProbe();
-  SockstatProbe(const SockstatProbe&) = delete;
-  SockstatProbe& operator=(const SockstatProbe&) = delete;
 
   // One pread of the whole file into a stack buffer; no allocation on this path.
   std::optional<SockstatCounts> read() const;
 
  private:
-  int fd_ = -1;
+  KeptOpenFile file_;
 };
 
 }  // namespace tessmark::platform::linux_backend

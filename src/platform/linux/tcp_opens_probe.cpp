@@ -1,9 +1,5 @@
 #include "platform/linux/tcp_opens_probe.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <charconv>
 
 namespace tessmark::platform::linux_backend {
@@ -73,28 +69,16 @@ std::optional<TcpOpenCounts> ParseTcpOpens(std::string_view text) {
   return std::nullopt;
 }
 
-TcpOpensProbe::TcpOpensProbe(const std::string& procRoot)
-    : fd_(::open((procRoot + "/net/snmp").c_str(), O_RDONLY | O_CLOEXEC)) {}
-
-TcpOpensProbe::~TcpOpensProbe() {
-  if (fd_ >= 0) ::close(fd_);
-}
+TcpOpensProbe::TcpOpensProbe(const std::string& procRoot) : file_(procRoot + "/net/snmp") {}
 
 std::optional<TcpOpenCounts> TcpOpensProbe::read() const {
-  if (fd_ < 0) return std::nullopt;
   // The file is about 1.3 KB; its ICMP message lines grow with each message type the machine
   // has seen, up to about 10 KB when all 256 types came in and went out. The seq_file hands
   // it whole to a read from offset 0.
   char buffer[16384];
-  ssize_t n;
-  do {
-    n = ::pread(fd_, buffer, sizeof buffer, 0);
-  } while (n < 0 && errno == EINTR);
-  if (n <= 0) return std::nullopt;
-  std::string_view text(buffer, static_cast<size_t>(n));
-  // A full buffer may have cut the last line: only whole lines are read.
-  if (static_cast<size_t>(n) == sizeof buffer) text = text.substr(0, text.rfind('\n') + 1);
-  return ParseTcpOpens(text);
+  std::optional<std::string_view> text = file_.read(buffer, sizeof buffer);
+  if (!text) return std::nullopt;
+  return ParseTcpOpens(*text);
 }
 
 }  // namespace tessmark::platform::linux_backend

@@ -11,6 +11,8 @@
 #include <string>
 #include <string_view>
 
+#include "platform/linux/kept_open_file.h"
+
 namespace tessmark::platform::linux_backend {
 
 struct TcpOpenCounts {
@@ -28,15 +30,12 @@ class TcpOpensProbe {
   // Opens <procRoot>/net/snmp in the network namespace of the calling thread. A failure to
   // open is reported by read(), not thrown.
   explicit TcpOpensProbe(const std::string& procRoot = "/proc");
-  ~TcpOpensProbe();
-  TcpOpensProbe(const TcpOpensProbe&) = delete;
-  TcpOpensProbe& operator=(const TcpOpensProbe&) = delete;
 
   // One pread of the whole file into a stack buffer; no allocation on this path.
   std::optional<TcpOpenCounts> read() const;
 
  private:
-  int fd_ = -1;
+  KeptOpenFile file_;
 };
 
 }  // namespace tessmark::platform::linux_backend
