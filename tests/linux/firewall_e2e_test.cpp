@@ -44,6 +44,7 @@
 
 #include "linux/loopback.h"
 #include "linux/netns.h"
+#include "linux/temporary_home.h"
 #include "monitor/engine.h"
 #include "platform/linux/linux_platform.h"
 #include "platform/linux/linux_tables.h"
@@ -381,22 +382,13 @@ class FirewallEndToEnd : public ::testing::Test {
  protected:
   void SetUp() override {
     TESSMARK_REQUIRE_PRIVATE_NETNS();
-    // The rule file, the settings and the log go into a fresh folder of this test.
-    char pattern[] = "/tmp/tessmark-e2e.XXXXXX";
-    ASSERT_NE(::mkdtemp(pattern), nullptr) << std::strerror(errno);
-    home_ = pattern;
-    for (const char* name : {"HOME", "XDG_CONFIG_HOME"}) {
-      const char* value = std::getenv(name);
-      savedEnvironment_.emplace_back(name,
-                                     value ? std::optional<std::string>(value) : std::nullopt);
-    }
-    ::setenv("HOME", home_.c_str(), 1);
-    ::setenv("XDG_CONFIG_HOME", (home_ + "/.config").c_str(), 1);
+    home_ = std::make_unique<testing::TemporaryHome>();
+    ASSERT_FALSE(home_->path().empty()) << std::strerror(errno);
 
     system_ = std::make_unique<platform::linux_backend::LinuxPlatform>();
     engine_ = std::make_unique<Engine>(*system_, ui_);
     ASSERT_TRUE(fs::create_directories(engine().rules.folders.AppDataDir));
-    ASSERT_EQ(engine().rules.folders.AppDataDir.rfind(home_ + "/", 0), 0u)
+    ASSERT_EQ(engine().rules.folders.AppDataDir.rfind(home_->path() + "/", 0), 0u)
         << engine().rules.folders.AppDataDir;
 
     clientPath_ = fs::canonical(testing::PeerPath("client_peer")).string();
@@ -410,16 +402,7 @@ class FirewallEndToEnd : public ::testing::Test {
     if (engine_) engine_->stop();
     engine_.reset();
     system_.reset();
-    for (const auto& [name, value] : savedEnvironment_) {
-      if (value)
-        ::setenv(name.c_str(), value->c_str(), 1);
-      else
-        ::unsetenv(name.c_str());
-    }
-    if (!home_.empty()) {
-      std::error_code error;
-      fs::remove_all(home_, error);
-    }
+    home_.reset();
   }
 
   Engine& engine() { return *engine_; }
@@ -517,9 +500,8 @@ class FirewallEndToEnd : public ::testing::Test {
   WatchingUi ui_;
   std::unique_ptr<platform::linux_backend::LinuxPlatform> system_;
   std::unique_ptr<Engine> engine_;
-  std::string home_;
+  std::unique_ptr<testing::TemporaryHome> home_;
   std::string clientPath_;
-  std::vector<std::pair<std::string, std::optional<std::string>>> savedEnvironment_;
 };
 
 // A log record: the path, pid and time, then the local side, the remote side, the state (one
@@ -662,7 +644,7 @@ TEST_F(FirewallEndToEnd, NoAbortsEveryHeldConnectionAndTheProgramRunsAgain) {
 }
 
 TEST_F(FirewallEndToEnd, AProgramListedAsDestructiveIsKilledAtItsFirstConnection) {
-  const std::string list = home_ + "/ProgramCheck.dat";
+  const std::string list = home_->path() + "/ProgramCheck.dat";
   std::ofstream(list, std::ios::binary)
       << SealedList(crcText(clientPath_) + "|3|Test.Destructive\r\nEND\r\n");
   engine().rules.knownPrograms.LoadKnownPrograms(list);

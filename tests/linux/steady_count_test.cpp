@@ -26,6 +26,7 @@
 #include "linux/loopback.h"
 #include "linux/netns.h"
 #include "linux/peer_child.h"
+#include "linux/temporary_home.h"
 #include "monitor/engine.h"
 #include "platform/linux/linux_platform.h"
 #include "platform/linux/linux_tables.h"
@@ -67,16 +68,8 @@ class SteadyCountEndToEnd : public ::testing::Test {
     TESSMARK_REQUIRE_PRIVATE_NETNS();
     std::string why = BreakingUnavailableReason();
     if (!why.empty()) GTEST_SKIP() << "cannot break connections: " << why;
-    // The rule file, the settings and the log go into a fresh folder of this test.
-    char pattern[] = "/tmp/tessmark-steady.XXXXXX";
-    ASSERT_NE(::mkdtemp(pattern), nullptr) << std::strerror(errno);
-    home_ = pattern;
-    for (const char* name : {"HOME", "XDG_CONFIG_HOME"}) {
-      const char* value = std::getenv(name);
-      saved_.emplace_back(name, value ? std::optional<std::string>(value) : std::nullopt);
-    }
-    ::setenv("HOME", home_.c_str(), 1);
-    ::setenv("XDG_CONFIG_HOME", (home_ + "/.config").c_str(), 1);
+    home_ = std::make_unique<testing::TemporaryHome>();
+    ASSERT_FALSE(home_->path().empty()) << std::strerror(errno);
     system_ = std::make_unique<platform::linux_backend::LinuxPlatform>();
     engine_ = std::make_unique<Engine>(*system_, ui_);
     ASSERT_TRUE(fs::create_directories(engine_->rules.folders.AppDataDir));
@@ -86,16 +79,7 @@ class SteadyCountEndToEnd : public ::testing::Test {
     if (engine_) engine_->stop();
     engine_.reset();
     system_.reset();
-    for (const auto& [name, value] : saved_) {
-      if (value)
-        ::setenv(name.c_str(), value->c_str(), 1);
-      else
-        ::unsetenv(name.c_str());
-    }
-    if (!home_.empty()) {
-      std::error_code error;
-      fs::remove_all(home_, error);
-    }
+    home_.reset();
   }
 
   // A rule row, before the engine starts; an empty checksum compares as equal.
@@ -126,8 +110,7 @@ class SteadyCountEndToEnd : public ::testing::Test {
   SilentUi ui_;
   std::unique_ptr<platform::linux_backend::LinuxPlatform> system_;
   std::unique_ptr<Engine> engine_;
-  std::string home_;
-  std::vector<std::pair<std::string, std::optional<std::string>>> saved_;
+  std::unique_ptr<testing::TemporaryHome> home_;
 };
 
 TEST_F(SteadyCountEndToEnd, ARefusedConnectionMadeAsTwoListenersCloseIsBroken) {
