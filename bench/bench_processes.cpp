@@ -17,47 +17,19 @@
 #include <benchmark/benchmark.h>
 
 #include "platform/linux/linux_processes.h"
+#include "sleepers.h"
 
 namespace {
 
 constexpr uid_t kOtherUser = 54321;
-
-// Children that only wait, as another user when asked; they die with this program even if it is
-// killed, and are killed and reaped when this object goes.
-class Sleepers {
- public:
-  Sleepers(int count, bool otherUser) {
-    pid_t parent = ::getpid();
-    for (int i = 0; i < count; ++i) {
-      pid_t pid = ::fork();
-      if (pid < 0) break;
-      if (pid == 0) {
-        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-        if (::getppid() != parent) ::_exit(0);
-        if (otherUser && ::setresuid(kOtherUser, kOtherUser, kOtherUser) != 0) ::_exit(1);
-        for (;;) ::pause();
-      }
-      pids_.push_back(pid);
-    }
-    // Let every child take its user before the list is timed.
-    ::usleep(100000);
-  }
-  ~Sleepers() {
-    for (pid_t pid : pids_) ::kill(pid, SIGKILL);
-    for (pid_t pid : pids_) ::waitpid(pid, nullptr, 0);
-  }
-  size_t size() const { return pids_.size(); }
-
- private:
-  std::vector<pid_t> pids_;
-};
 
 void ProcessList(benchmark::State& state, bool otherUser) {
   if (otherUser && ::geteuid() != 0) {
     state.SkipWithError("children of another user need root");
     return;
   }
-  Sleepers sleepers(static_cast<int>(state.range(0)), otherUser);
+  Sleepers sleepers(static_cast<int>(state.range(0)),
+                    otherUser ? std::optional<uid_t>(kOtherUser) : std::nullopt);
   tessmark::platform::linux_backend::LinuxProcesses processes;
   size_t listed = 0;
   for (auto _ : state) {

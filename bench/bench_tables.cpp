@@ -34,6 +34,7 @@
 #include "platform/linux/linux_platform.h"
 #include "platform/linux/linux_tables.h"
 #include "platform/linux/private_netns.h"
+#include "sleepers.h"
 
 namespace {
 
@@ -290,29 +291,6 @@ BENCHMARK(BM_MonitorSnapshotFirstRead)->Arg(1000)->Unit(benchmark::kMillisecond)
 BENCHMARK(BM_MonitorSnapshotRepeated)->Arg(1000)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_QuietPoll)->Arg(10000);
 
-// Children that only wait, so the owner look-up has processes to walk. They die with this
-// program even if it is killed.
-std::vector<pid_t> StartSleepers(int count) {
-  std::vector<pid_t> pids;
-  pid_t parent = ::getpid();
-  for (int i = 0; i < count; ++i) {
-    pid_t pid = ::fork();
-    if (pid < 0) break;
-    if (pid == 0) {
-      ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-      if (::getppid() != parent) ::_exit(0);
-      for (;;) ::pause();
-    }
-    pids.push_back(pid);
-  }
-  return pids;
-}
-
-void StopSleepers(const std::vector<pid_t>& pids) {
-  for (pid_t pid : pids) ::kill(pid, SIGKILL);  // only the children started above
-  for (pid_t pid : pids) ::waitpid(pid, nullptr, 0);
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -331,7 +309,7 @@ int main(int argc, char** argv) {
   }
 
   // The sleepers are started before any socket is open, so they hold none.
-  std::vector<pid_t> sleepers = StartSleepers(kExtraProcesses);
+  Sleepers sleepers(kExtraProcesses);
   int status = 0;
   {
     SocketPool pool;
@@ -346,6 +324,5 @@ int main(int argc, char** argv) {
     benchmark::Shutdown();
     g_pool = nullptr;
   }
-  StopSleepers(sleepers);
   return status;
 }
