@@ -3,10 +3,12 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <string_view>
 #include <system_error>
 
 #include "monitor/booleans.h"
 #include "monitor/modCompare.h"
+#include "rules/field_quoting.h"
 
 namespace tessmark {
 
@@ -15,6 +17,9 @@ namespace {
 namespace fs = std::filesystem;
 
 const std::string kCrLf = "\r\n";
+const std::string kFieldSeparator = "|";
+// A record's fields, counting the empty one in front of the path.
+constexpr size_t kRecordFields = 10;
 
 // The first lines of a day's file. The version shows major and minor number only.
 std::string LogHeader() {
@@ -24,13 +29,25 @@ std::string LogHeader() {
 }
 
 // One record: ten "|"-separated fields, the first empty. dst is the local side and src the
-// remote one, whatever the direction of the connection. A "|" in the path is not escaped.
+// remote one, whatever the direction of the connection. Every field is quoted when it holds a
+// "|", a line break or another control byte, which a Linux file name may: the record then
+// stays one line of ten fields, and a program cannot write lines of its own into the log
+// through its name. A field without such bytes keeps its exact bytes.
 std::string LogLine(const ConnectionRecord& record, const std::string& time,
                     const std::string& rating) {
   const std::string& path = record.ProcessPath.empty() ? std::string("-") : record.ProcessPath;
-  return "|" + path + "|" + std::to_string(record.ProcessId) + "|" + time + "|" +
-         record.LocalAddress + "|" + record.RemoteAddress + "|" + std::to_string(record.LocalPort) +
-         "|" + std::to_string(record.RemotePort) + "|" + record.State + "|" + rating;
+  const std::string pid = std::to_string(record.ProcessId);
+  const std::string localPort = std::to_string(record.LocalPort);
+  const std::string remotePort = std::to_string(record.RemotePort);
+  const std::array<std::string_view, kRecordFields> fields{
+      "",        path,       pid,          time,  record.LocalAddress, record.RemoteAddress,
+      localPort, remotePort, record.State, rating};
+  std::string line;
+  for (size_t i = 0; i < fields.size(); ++i) {
+    if (i > 0) line += kFieldSeparator;
+    line += QuoteField(fields[i], kFieldSeparator);
+  }
+  return line;
 }
 
 // Opens the file for appending, writes `text` and a line end of its own, and closes it: the
@@ -52,6 +69,24 @@ std::vector<std::string> Split(const std::string& text, const std::string& separ
   }
   pieces.push_back(text.substr(start));
   return pieces;
+}
+
+// The fields of a record line as they were before quoting, or nothing when the line does not
+// hold exactly ten fields: such a line was not written by LogLine, and its fields cannot be
+// told apart.
+std::vector<std::string> RecordFields(const std::string& line) {
+  std::vector<std::string> fields = Split(line, kFieldSeparator);
+  if (fields.size() != kRecordFields) return {};
+  for (std::string& field : fields) field = UnquoteField(field);
+  return fields;
+}
+
+// Adds a record's row: the path as the item text, pid to status as they stand, and the rating
+// as "normal" for exactly "n" and "high" for anything else.
+void AddResultRow(LogResultList& list, const std::vector<std::string>& fields) {
+  LogResultRow& row = list.Add(fields[1]);
+  for (size_t column = 1; column <= 7; ++column) row.SubItems[column] = fields[column + 1];
+  row.SubItems[8] = fields[9] == "n" ? "normal" : "high";
 }
 
 // The count of a 32-bit counter plus one, wrapping as the system's integers do.
@@ -192,19 +227,15 @@ void modWriteLog::FillListView2(int16_t& maxLines, std::string& searchText, std:
     const std::string& piece = pieces[i];
     // Headers and the empty lines the flushes leave.
     if (piece.empty() || piece[0] != '|') continue;
-    std::vector<std::string> fields = Split(piece, "|");
-    // A piece with fewer than ten fields ends the search at its first absent field: such a
-    // line comes only from a path or state text holding a line break.
-    if (fields.size() < 6) return;
+    // A line that starts like a record but does not hold ten fields (a damaged file, or a
+    // line from before fields were quoted whose path held a "|" or a line break) is passed
+    // over, and the lines after it are still searched.
+    std::vector<std::string> fields = RecordFields(piece);
+    if (fields.empty()) continue;
+    // The filters look at the path and remote address as they were, not as quoted.
     if (InstrString(fields[1], searchText) == kFalse || InstrString(fields[5], ipText) == kFalse)
       continue;
-    LogResultRow& row = ListView2.Add(fields[1]);
-    for (size_t column = 1; column <= 8; ++column) {
-      const size_t field = column + 1;
-      if (field >= fields.size()) return;  // the row stays, filled as far as it got
-      row.SubItems[column] =
-          column == 8 ? (fields[field] == "n" ? "normal" : "high") : fields[field];
-    }
+    AddResultRow(ListView2, fields);
   }
 }
 

@@ -62,8 +62,10 @@ class modWriteLog {
         ChangeBlockValue_(std::move(ChangeBlockValue)) {}
 
   // Counts one refusal and, with the log on, logs row `index` of the TCP table when isTcp is
-  // exactly -1, otherwise of the UDP table. rating "h" counts as high. Nothing is reported:
-  // a line that cannot be written is lost.
+  // exactly -1, otherwise of the UDP table. rating "h" counts as high. A field holding "|",
+  // a line break or another control byte is written quoted (rules/field_quoting.h), so every
+  // refusal is exactly one line of ten fields. Nothing is reported: a line that cannot be
+  // written is lost.
   void WriteBlockedConnection(int16_t& isTcp, int16_t& index, std::string& rating);
 
   // Appends LogBuffer and a line end to today's file and empties it, whatever it held and
@@ -80,7 +82,9 @@ class modWriteLog {
 
   // Flushes, then fills ListView2 with the records among the last maxLines lines of today's
   // file whose path holds searchText and whose remote address holds ipText, case ignored,
-  // oldest first. A search that arrives while one runs only flushes.
+  // oldest first. Fields are unquoted before they are matched and shown. A line that starts
+  // with "|" but does not hold exactly ten fields is passed over. A search that arrives while
+  // one runs only flushes.
   void SearchLog(int16_t& maxLines, std::string& searchText, std::string& ipText);
 
   // Refusals since the program started, and those rated high. Never saved or reset.

@@ -403,33 +403,75 @@ TEST_F(WriteLog, ASecondSearchDuringTheFirstIsTurnedAwayButStillFlushes) {
       kHeader + "|/a|1|t|l|r|1|2|S|n\r\n|/b|2|t|l|r|1|2|S|n\r\n\r\n|/late|3|t|l|r|1|2|S|n\r\n\r\n");
 }
 
-TEST_F(WriteLog, AShortRecordEndsTheSearchAndTheRowsBeforeItStay) {
-  // A path holding a line break cuts its record in two when the file is read back.
-  program(4242, "/usr/bin/curl");
-  program(77, "/tmp/odd\r\nname");
-  tcp(4242, 1025, 80);
-  tcp(77, 1026, 80);
-  main.GetTCPConnections(-1, -1);
-  refuse(kTrue, 0);
-  refuse(kTrue, 1);
-  refuse(kTrue, 0);
-  search(300);
-  ASSERT_EQ(log.ListView2.Count(), 1);
-  EXPECT_EQ(log.ListView2.Item(1).Text, "/usr/bin/curl");
-  EXPECT_TRUE(log.ListView2Visible);
-  EXPECT_EQ(log.LogSearchBusy, kFalse);
+// The path fields of the record lines of a log file, as they stand in the file.
+std::vector<std::string> RecordPathFields(const std::string& file) {
+  std::vector<std::string> paths;
+  std::istringstream lines(file);
+  for (std::string line; std::getline(lines, line);) {
+    if (line.empty() || line[0] != '|') continue;
+    paths.push_back(line.substr(1, line.find('|', 1) - 1));
+  }
+  return paths;
 }
 
-TEST_F(WriteLog, AShortRecordWithItsRemoteAddressIsFilledAsFarAsItGoes) {
+TEST_F(WriteLog, AProgramNamedLikeARecordWritesOneLineAndIsFoundUnderItsOwnName) {
+  // A file name may hold line breaks, tabs and "|": this one tries to end its own record and
+  // forge a second one, and ends in bytes that only the unquoted name holds.
+  const std::string hostile = "/tmp/a\r\n|/usr/bin/forged|1|12:00:00|1.2.3.4|5.6.7.8|1|2|x|h\tend";
+  program(77, hostile);
+  program(4242, "/usr/bin/curl");
+  tcp(77, 1026, 443);
+  tcp(4242, 1025, 80);
+  main.GetTCPConnections(-1, -1);
+  refuse(kTrue, 0, "h");
+  refuse(kTrue, 1);
+  log.FlushLogBuffer();
+
+  const std::string file = read(logPath());
+  const std::vector<std::string> paths = RecordPathFields(file);
+  ASSERT_EQ(paths.size(), 2u) << file;
+  EXPECT_NE(paths[0], "/usr/bin/forged");
+  EXPECT_EQ(paths[1], "/usr/bin/curl");
+  // The ordinary program's line keeps its exact bytes.
+  EXPECT_NE(file.find("\r\n" + kCurlLine + "\r\n"), std::string::npos);
+
+  search(300);
+  ASSERT_EQ(log.ListView2.Count(), 2);
+  EXPECT_EQ(row(1), (std::vector<std::string>{hostile, "77", "12:00:01", "192.168.1.20",
+                                              "93.184.216.34", "1026", "443", "ESTAB", "high"}));
+  EXPECT_EQ(row(2), (std::vector<std::string>{"/usr/bin/curl", "4242", "12:00:01", "192.168.1.20",
+                                              "93.184.216.34", "1025", "80", "ESTAB", "normal"}));
+
+  // The path filter matches the name as it was: a tab, and a "|" with what follows it.
+  search(300, "h\tEND");
+  ASSERT_EQ(log.ListView2.Count(), 1);
+  EXPECT_EQ(log.ListView2.Item(1).Text, hostile);
+  search(300, "\n|/usr/bin/FORGED|");
+  ASSERT_EQ(log.ListView2.Count(), 1);
+  EXPECT_EQ(log.ListView2.Item(1).Text, hostile);
+}
+
+TEST_F(WriteLog, LinesWithoutTenFieldsArePassedOverAndTheSearchReadsOn) {
   writeFile(kHeader +
             "|/a|1|t|l|10.0.0.1|1|2|S|n\r\n"
-            "|/skipped|2|t|l|192.168.0.9|1\r\n"  // filtered out before an absent field is read
-            "|/b|3|t|l|10.0.0.2|80\r\n"
-            "|/c|4|t|l|10.0.0.3|1|2|S|n\r\n");
+            "|/bin/x|1\r\n"                          // cut short
+            "|/b|2|t|l|10.0.0.2|80\r\n"              // cut after the remote address
+            "|/old|name|3|t|l|10.0.0.3|1|2|S|n\r\n"  // a "|" written before names were quoted
+            "|/c|4|t|l|10.0.0.4|1|2|S|h\r\n"
+            "|/d|5|t|l|192.168.0.9|1|2|S|n\r\n");
+  search(300);
+  ASSERT_EQ(log.ListView2.Count(), 3);
+  EXPECT_EQ(log.ListView2.Item(1).Text, "/a");
+  EXPECT_EQ(row(2),
+            (std::vector<std::string>{"/c", "4", "t", "l", "10.0.0.4", "1", "2", "S", "high"}));
+  EXPECT_EQ(log.ListView2.Item(3).Text, "/d");
+  EXPECT_TRUE(log.ListView2Visible);
+  EXPECT_EQ(log.LogSearchBusy, kFalse);
+
   search(300, "", "10.0");
   ASSERT_EQ(log.ListView2.Count(), 2);
   EXPECT_EQ(log.ListView2.Item(1).Text, "/a");
-  EXPECT_EQ(row(2), (std::vector<std::string>{"/b", "3", "t", "l", "10.0.0.2", "80", "", "", ""}));
+  EXPECT_EQ(log.ListView2.Item(2).Text, "/c");
 }
 
 }  // namespace
