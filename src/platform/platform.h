@@ -157,6 +157,12 @@ class SettingsStore {
   // behind: either the old or the new contents stand.
   virtual bool writeSetting(const std::string& application, const std::string& section,
                             const std::string& key, const std::string& value) = 0;
+  // Why the stored settings cannot be read, naming the file and the cause; "" when they can
+  // (a store not made yet can). While it is not "", a missing value says nothing.
+  virtual std::string readFault(const std::string& application) = 0;
+  // Why the last write failed, naming the file or folder and the cause; "" after a write that
+  // went through.
+  virtual std::string lastWriteFault() = 0;
 };
 
 // The folders the system names for this user and this program.

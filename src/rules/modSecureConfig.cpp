@@ -4,7 +4,9 @@
 #include <system_error>
 
 #include "monitor/booleans.h"
+#include "rules/durable_file.h"
 #include "rules/modSetting.h"
+#include "rules/rule_file_commit.h"
 
 namespace tessmark {
 
@@ -47,10 +49,13 @@ int32_t modSecureConfig::GetCRC32(const std::string& text) {
 }
 
 std::string modSecureConfig::ComputeConfigCheck() {
+  return ComputeConfigCheckWith(folders_.RuleFilePath());
+}
+
+std::string modSecureConfig::ComputeConfigCheckWith(const std::string& ruleFile) {
   std::string joined;
   for (const auto& sealed : kSealedKeys)
     joined += GetSetting(store_, sealed.section, sealed.key, "");
-  std::string ruleFile = folders_.RuleFilePath();
   std::error_code error;
   if (std::filesystem::exists(ruleFile, error)) {
     ClearFileAttributes(ruleFile);
@@ -61,35 +66,90 @@ std::string modSecureConfig::ComputeConfigCheck() {
 }
 
 void modSecureConfig::SaveConfigCheck() {
-  if (ConfigSaveLocked != kFalse) return;
+  if (ConfigSaveLocked != kFalse || !SealFault.empty()) return;
   if (!SaveSetting(store_, "Secure", "SecureCheck", ComputeConfigCheck()))
     ui_.showErrorBox(
         ErrorBoxText(ErrorNumber::PathFileAccessError, "modSecureConfig", "SaveConfigCheck", 1));
+}
+
+bool modSecureConfig::StoreDigest(const std::string& digest) {
+  if (SaveSetting(store_, "Secure", "SecureCheck", digest)) return true;
+  const std::string fault = store_.lastWriteFault();
+  TellFault(fault, "The settings of " + AppTitle + " cannot be written (" + fault +
+                       "). Changes to the rules hold until the firewall ends.");
+  return false;
 }
 
 std::string modSecureConfig::GetConfig() {
   return GetSetting(store_, "Secure", "SecureCheck", "");
 }
 
+void modSecureConfig::TellFault(const std::string& fault, const std::string& text) {
+  if (fault == lastFaultTold_) return;
+  lastFaultTold_ = fault;
+  ui_.showMessageBox(text, MessageIcon::Exclamation);
+}
+
 void modSecureConfig::VerifyConfig() {
+  const std::string ruleFile = folders_.RuleFilePath();
+  // Settings that cannot be read hold a digest nobody can see, and a rule file that cannot
+  // be read has a checksum nobody can take: neither is a change, and the recovery would
+  // destroy rules the disk merely hides.
+  if (std::string fault = store_.readFault(AppTitle); !fault.empty()) {
+    SealFault = fault;
+    TellFault(fault,
+              "The settings of " + AppTitle + " cannot be read (" + fault +
+                  "). The rules are used as they are, and no change is saved until the settings "
+                  "can be read.");
+    return;
+  }
+  ClearFileAttributes(ruleFile);
+  if (std::string fault = ReadFault(ruleFile); !fault.empty()) {
+    SealFault = fault;
+    TellFault(fault,
+              "The rules of " + AppTitle + " cannot be read (" + fault +
+                  "). No rule is loaded, and no change is saved until the file can be read.");
+    return;
+  }
+  FinishRuleFileCommit(ruleFile, *this);
   if (GetConfig() == ComputeConfigCheck()) return;
+
+  // The options go back first: a store that takes no write at all is a fault of the disk,
+  // found before anything is changed.
+  if (!SaveSetting(store_, kSealedKeys[0].section, kSealedKeys[0].key,
+                   kSealedKeys[0].recoveryValue)) {
+    SealFault = store_.lastWriteFault();
+    TellFault(SealFault,
+              "The settings of " + AppTitle + " cannot be written (" + SealFault +
+                  "). The rules are used as they are, and no change is saved until the settings "
+                  "can be written.");
+    return;
+  }
   ui_.showMessageBox("The settings of " + AppTitle +
                          " were changed! For security purposes the settings will now renewed.",
                      MessageIcon::Critical);
-  bool failed = false;
-  std::string ruleFile = folders_.RuleFilePath();
+  if (!RestoreOptions()) return LockAfterFailedRecovery();
+  // The changed rules are not used again, but kept beside, so that no rule a user gave is
+  // ever lost.
   std::error_code error;
-  if (std::filesystem::exists(ruleFile, error))
-    failed = !std::filesystem::remove(ruleFile, error) || error;
-  for (size_t i = 0; !failed && i < std::size(kSealedKeys); ++i)
-    failed = !SaveSetting(store_, kSealedKeys[i].section, kSealedKeys[i].key,
-                          kSealedKeys[i].recoveryValue);
-  if (!failed) {
-    SaveConfigCheck();
-    return;
+  if (std::filesystem::exists(std::filesystem::symlink_status(ruleFile, error))) {
+    std::string kept;
+    if (!KeepAside(ruleFile, "changed", false, kept).empty()) return LockAfterFailedRecovery();
+    ui_.showMessageBox(
+        "The rules that were changed are kept in \"" + kept + "\" and are not used again.",
+        MessageIcon::Information);
   }
-  // The recovery failed, most likely because the rule file could not be deleted. Nothing
-  // may seal this state, and the user must not be able to unlock the Internet.
+  SaveConfigCheck();
+}
+
+bool modSecureConfig::RestoreOptions() {
+  for (const auto& sealed : kSealedKeys)
+    if (!SaveSetting(store_, sealed.section, sealed.key, sealed.recoveryValue)) return false;
+  return true;
+}
+
+void modSecureConfig::LockAfterFailedRecovery() {
+  // Nothing may seal this state, and the user must not be able to unlock the Internet.
   ConfigSaveLocked = kTrue;
   ui_.showMessageBox("Deletion of \"" + AppTitle +
                          ".dat\" failed. Please reboot your computer.\r\n\r\nThe internet "

@@ -33,15 +33,30 @@ class modSecureConfig {
 
   // The digest of the store and the rule file as they are now.
   std::string ComputeConfigCheck();
-  // Stores a fresh digest, unless the failed recovery locked the settings.
+  // The same, with the file at `ruleFile` standing in for the rule file.
+  std::string ComputeConfigCheckWith(const std::string& ruleFile);
+  // Stores a fresh digest, unless the failed recovery locked the settings or a fault of the
+  // disk keeps the seal from being checked.
   void SaveConfigCheck();
+  // Stores this digest; false, with the fault told, when the store takes no write.
+  bool StoreDigest(const std::string& digest);
   // The stored digest, "" when none.
   std::string GetConfig();
-  // The check at start, with the recovery on a difference.
+  // The check at start, with the recovery on a difference. A fault of the disk (settings or
+  // rule file that cannot be read, settings that cannot be written) is told and is not a
+  // difference: the rules stand as they are, unsealed and unchanged, for this run.
   void VerifyConfig();
+
+  // Shows `text` about the fault of the disk `fault`, unless that fault is the one told last:
+  // a fault that stays is told once, not at each remembered answer.
+  void TellFault(const std::string& fault, const std::string& text);
 
   // Set by the failed recovery only, and never cleared: the broken state is not sealed.
   int16_t ConfigSaveLocked = 0;
+  // Why the seal can be neither checked nor renewed in this run, "" when it can. While it is
+  // set nothing is resealed and the rule file is not replaced, so that a fault of the disk
+  // never reads as a change at the next start.
+  std::string SealFault;
 
  private:
   platform::SettingsStore& store_;
@@ -49,6 +64,10 @@ class modSecureConfig {
   UiPort& ui_;
   const AppFolders& folders_;
   int16_t& locked_;
+  std::string lastFaultTold_;
+
+  bool RestoreOptions();
+  void LockAfterFailedRecovery();
 };
 
 }  // namespace tessmark

@@ -41,7 +41,7 @@ void loadRulesAndSettings(Engine& engine, platform::SettingsStore& store) {
   monitor.Check1 = GetSetting(store, "Options", "CheckAuto", "true") == "true" ? 1 : 0;
   monitor.Check2 = GetSetting(store, "Options", "AlertDialogs", "show") == "show" ? 1 : 0;
   monitor.Check3 = GetSetting(store, "Options", "LogFile", "true") == "true" ? 1 : 0;
-  LoadRuleFile(monitor.ListView1, rules.folders.RuleFilePath(), kFalse);
+  LoadRuleFileAtStart(monitor.ListView1, rules.folders.RuleFilePath(), rules.secureConfig);
   std::printf("%d rules, %d known programs, data in %s\n", monitor.ListView1.Count(),
               rules.knownPrograms.KnownProgramCount, rules.folders.AppDataDir.c_str());
 }

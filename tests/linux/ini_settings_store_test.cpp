@@ -20,12 +20,14 @@
 #include <gtest/gtest.h>
 
 #include "platform/linux/ini_settings_store.h"
+#include "support/file_modes_bind.h"
 
 namespace tessmark::platform::linux_backend {
 namespace {
 
 using namespace std::string_literals;
 namespace fs = std::filesystem;
+using tessmark::testing::FileModesBind;
 
 const std::string kApp = "Tessmark Personal Firewall";
 // Shaped like the settings digest: control bytes and a NUL before a digit ("\x35" is "5").
@@ -310,25 +312,32 @@ TEST_F(IniSettingsStoreTest, AFreshProcessReadsTheBytesOnDisk) {
   EXPECT_EQ(WEXITSTATUS(status), 0) << "the child read other bytes than were written";
 }
 
-TEST_F(IniSettingsStoreTest, AWriteIntoAnUnwritableFolderFailsAndKeepsTheOldFile) {
-  if (geteuid() == 0) GTEST_SKIP() << "running as root: folder permissions do not stop root";
+TEST_F(IniSettingsStoreTest, AWriteIntoAnUnwritableFolderFailsKeepsTheOldFileAndSaysWhere) {
   IniSettingsStore store(home_.string());
   ASSERT_TRUE(store.writeSetting(kApp, "Options", "Check1", "old"));
   std::string before = ReadBytes(confPath());
   fs::permissions(appFolder(), fs::perms::owner_read | fs::perms::owner_exec);
+  FileModesBind bind;
   EXPECT_FALSE(store.writeSetting(kApp, "Options", "Check1", "new"));
+  EXPECT_EQ(store.lastWriteFault(), appFolder().string() + ": Permission denied");
+  EXPECT_EQ(store.readFault(kApp), "") << "a folder that takes no write can still be read";
   EXPECT_EQ(ReadBytes(confPath()), before);
   EXPECT_EQ(store.readSetting(kApp, "Options", "Check1"), "old");
 }
 
-TEST_F(IniSettingsStoreTest, ASettingsFileThatCannotBeReadIsNotWrittenOver) {
-  if (geteuid() == 0) GTEST_SKIP() << "running as root: file permissions do not stop root";
+TEST_F(IniSettingsStoreTest, ASettingsFileThatCannotBeReadIsNotWrittenOverAndSaysWhere) {
   IniSettingsStore store(home_.string());
   ASSERT_TRUE(store.writeSetting(kApp, "Options", "Check1", "old"));
+  EXPECT_EQ(store.lastWriteFault(), "");
   fs::permissions(confPath(), fs::perms::none);
-  EXPECT_EQ(store.readSetting(kApp, "Options", "Check1"), std::nullopt);
-  // Writing would lose every other setting of the file.
-  EXPECT_FALSE(store.writeSetting(kApp, "Options", "Check2", "new"));
+  {
+    FileModesBind bind;
+    EXPECT_EQ(store.readSetting(kApp, "Options", "Check1"), std::nullopt);
+    EXPECT_EQ(store.readFault(kApp), confPath().string() + ": Permission denied");
+    // Writing would lose every other setting of the file.
+    EXPECT_FALSE(store.writeSetting(kApp, "Options", "Check2", "new"));
+    EXPECT_EQ(store.lastWriteFault(), confPath().string() + ": Permission denied");
+  }
   fs::permissions(confPath(), fs::perms::owner_read);
   EXPECT_EQ(ReadBytes(confPath()), "[Options]\nCheck1=old\n");
 }

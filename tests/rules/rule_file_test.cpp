@@ -6,10 +6,12 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 
 #include "monitor/booleans.h"
 #include "rules/modSetting.h"
+#include "rules/rule_file_commit.h"
 #include "support/sim_engine.h"
 
 namespace tessmark {
@@ -77,12 +79,93 @@ TEST_F(RuleFile, EveryWriteReseals) {
   EXPECT_EQ(sim.settingsWrites, 2);
 }
 
-TEST_F(RuleFile, AFailedWriteStillReseals) {
-  fs::remove_all(rules.folders.AppDataDir);  // nowhere to write
+TEST_F(RuleFile, AFailedWriteLeavesTheOldRulesSealedAndSaysWhereOnce) {
   add(list, "/usr/bin/app", "5", "ask", "1");
   SaveRuleFile(list, path(), rules.secureConfig);
+  const std::string seal = rules.secureConfig.GetConfig();
+  fs::remove_all(rules.folders.AppDataDir);  // nowhere to write
+  list.Item(1).SubItems[2] = AccessDeny;
+  SaveRuleFile(list, path(), rules.secureConfig);
+  SaveRuleFile(list, path(), rules.secureConfig);
   EXPECT_FALSE(fs::exists(path()));
-  EXPECT_EQ(sim.settingsWrites, 1);
+  EXPECT_EQ(rules.secureConfig.GetConfig(), seal) << "nothing new was written, so nothing sealed";
+  ASSERT_EQ(ui.messageBoxes.size(), 1u) << "a fault that stays is told once";
+  EXPECT_NE(ui.messageBoxes[0].text.find(path() + ".new: No such file or directory"),
+            std::string::npos)
+      << ui.messageBoxes[0].text;
+}
+
+TEST_F(RuleFile, APathWithLineBreaksAndTabsIsOneRuleAndForgesNone) {
+  // Saved as "deny", this name would read back as two rows, the second an "allow" for
+  // another program, if its bytes acted as separators.
+  const std::string hostile = "/tmp/a\r\t/home/u/bin/payload\t-123\tallow\t2";
+  add(list, hostile, "77", AccessDeny, "1");
+  add(list, "/usr/bin/plain", "-5", AccessAllow, "2");
+  SaveRuleFile(list, path(), rules.secureConfig);
+  const std::string bytes = read();
+  EXPECT_EQ(std::count(bytes.begin(), bytes.end(), '\r'), 2) << bytes;
+  EXPECT_NE(bytes.find("\t/usr/bin/plain\t-5\tallow\t2\r\n"), std::string::npos)
+      << "a plain path keeps its exact bytes";
+
+  rules.secureConfig.VerifyConfig();
+  EXPECT_TRUE(ui.messageBoxes.empty()) << "the seal covers the file as written";
+  RuleList back;
+  LoadRuleFile(back, path(), kFalse);
+  ASSERT_EQ(back.Count(), 2);
+  EXPECT_EQ(cells(back.Item(1)), (std::vector<std::string>{"", hostile, "77", "deny", "1"}));
+  EXPECT_EQ(back.FindPath("/home/u/bin/payload"), 0);
+  EXPECT_EQ(FormatRuleFile(back), bytes);
+}
+
+// A save cut short at any step (a kill, a power cut) leaves a start that finds the old rules
+// or the new ones, sealed: never the "were changed" recovery.
+TEST_F(RuleFile, ASaveCutShortAtAnyStepLeavesSealedRules) {
+  const std::string oldBytes = "\t/usr/bin/old\t1\tallow\t1\r\n";
+  for (int stepsDone = 0; stepsDone <= 3; ++stepsDone) {
+    SCOPED_TRACE("steps done: " + std::to_string(stepsDone));
+    RuleList before;
+    add(before, "/usr/bin/old", "1", AccessAllow, "1");
+    SaveRuleFile(before, path(), rules.secureConfig);
+    ASSERT_EQ(read(), oldBytes);
+
+    RuleList after;
+    add(after, "/usr/bin/new", "2", AccessDeny, "1");
+    RuleFileCommit commit(path(), rules.secureConfig);
+    if (stepsDone >= 1) ASSERT_TRUE(commit.Write(FormatRuleFile(after)));
+    if (stepsDone >= 2) ASSERT_TRUE(commit.Seal());
+    if (stepsDone >= 3) ASSERT_TRUE(commit.Replace());
+    if (stepsDone == 0)  // killed while the new file was half written
+      std::ofstream(path() + ".new", std::ios::binary) << "\t/usr/bin/ne";
+
+    // The next start.
+    rules.secureConfig.VerifyConfig();
+    EXPECT_TRUE(ui.messageBoxes.empty()) << ui.messageBoxes.front().text;
+    EXPECT_EQ(read(), stepsDone >= 2 ? FormatRuleFile(after) : oldBytes);
+    EXPECT_FALSE(fs::exists(path() + ".new"));
+    EXPECT_EQ(rules.secureConfig.GetConfig(), rules.secureConfig.ComputeConfigCheck());
+  }
+}
+
+TEST_F(RuleFile, RulesBeyondTheListAreKeptAsideWholeAndToldOnce) {
+  std::string bytes;
+  for (int row = 1; row <= 32770; ++row)
+    bytes += "\t/usr/bin/p" + std::to_string(row) + "\t0\tallow\t" + std::to_string(row) + "\r\n";
+  write(bytes);
+  LoadRuleFileAtStart(list, path(), rules.secureConfig);
+  EXPECT_EQ(list.Count(), 32767);
+  ASSERT_EQ(ui.messageBoxes.size(), 1u);
+  const std::string& told = ui.messageBoxes[0].text;
+  EXPECT_NE(told.find("holds 3 rules more than the 32767"), std::string::npos) << told;
+
+  // The next save writes the list; the copy named in the message keeps the rest.
+  SaveRuleFile(list, path(), rules.secureConfig);
+  EXPECT_EQ(read(), bytes.substr(0, bytes.find("\t/usr/bin/p32768\t")));
+  size_t quote = told.find('"', told.find("kept whole in \"") + 15);
+  std::string kept =
+      told.substr(told.find("kept whole in \"") + 15, quote - told.find("kept whole in \"") - 15);
+  std::ifstream in(kept, std::ios::binary);
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), bytes) << kept;
+  EXPECT_EQ(kept.rfind(path() + ".full-", 0), 0u) << kept;
 }
 
 TEST_F(RuleFile, ReadsEveryKindOfLineWithoutComplaint) {

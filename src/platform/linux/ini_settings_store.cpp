@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <utility>
 
 namespace tessmark::platform::linux_backend {
@@ -163,14 +164,20 @@ void AppendEscaped(std::string& out, std::string_view text, Field field) {
 constexpr size_t kMaxFileSize = 16u << 20;
 
 // Reads the whole file. nullopt when it cannot be read, or is not a regular file of a
-// sensible size (a FIFO would block, a device never end); an empty text when it does not
-// exist.
-std::optional<std::string> ReadFileText(const std::string& path) {
+// sensible size (a FIFO would block, a device never end), with the cause in `cause`; an empty
+// text when it does not exist.
+std::optional<std::string> ReadFileText(const std::string& path, std::string& cause) {
   int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-  if (fd < 0) return errno == ENOENT ? std::optional<std::string>("") : std::nullopt;
+  if (fd < 0) {
+    if (errno == ENOENT) return std::string();
+    cause = std::strerror(errno);
+    return std::nullopt;
+  }
   std::optional<std::string> text;
   struct stat st;
-  if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) {
+  if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    cause = "not a regular file";
+  } else {
     text.emplace();
     char buf[4096];
     for (;;) {
@@ -178,6 +185,7 @@ std::optional<std::string> ReadFileText(const std::string& path) {
       if (n < 0 && errno == EINTR) continue;
       if (n == 0) break;
       if (n < 0 || text->size() + static_cast<size_t>(n) > kMaxFileSize) {
+        cause = n < 0 ? std::strerror(errno) : "larger than a settings file can be";
         text.reset();
         break;
       }
@@ -188,27 +196,44 @@ std::optional<std::string> ReadFileText(const std::string& path) {
   return text;
 }
 
+std::optional<std::string> ReadFileText(const std::string& path) {
+  std::string cause;
+  return ReadFileText(path, cause);
+}
+
 // Makes the folder and any missing parent, each private to the user as the XDG folders are.
-bool MakeFolders(const std::string& folder) {
+// False with the folder that could not be made, and why, in `fault`.
+bool MakeFolders(const std::string& folder, std::string& fault) {
   struct stat st;
   for (size_t slash = folder.find('/', 1);; slash = folder.find('/', slash + 1)) {
     std::string prefix = folder.substr(0, slash);
     bool present = stat(prefix.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-    if (!present && mkdir(prefix.c_str(), 0700) != 0 && errno != EEXIST) return false;
+    if (!present && mkdir(prefix.c_str(), 0700) != 0 && errno != EEXIST) {
+      fault = prefix + ": " + std::strerror(errno);
+      return false;
+    }
     if (slash == std::string::npos) break;
   }
-  return stat(folder.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+  if (stat(folder.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) return true;
+  fault = folder + ": not a folder";
+  return false;
 }
 
 // Replaces the file whole: the text goes to a new file beside it, reaches the disk, and is
 // then renamed over the old one, so a crash leaves either the old or the new file standing.
-bool ReplaceFile(const std::string& folder, const std::string& path, const std::string& text) {
+// False with the file or folder that failed, and why, in `fault`.
+bool ReplaceFile(const std::string& folder, const std::string& path, const std::string& text,
+                 std::string& fault) {
   std::string temp = folder + "/.settings-XXXXXX";
   int fd = mkostemp(temp.data(), O_CLOEXEC);  // mode 0600
-  if (fd < 0) return false;
+  if (fd < 0) {
+    fault = folder + ": " + std::strerror(errno);
+    return false;
+  }
   bool written = WriteAll(fd, text) && fsync(fd) == 0;
   written = close(fd) == 0 && written;
   if (!written || rename(temp.c_str(), path.c_str()) != 0) {
+    fault = (written ? path : temp) + ": " + std::strerror(errno);
     unlink(temp.c_str());
     return false;
   }
@@ -300,17 +325,32 @@ std::optional<std::string> IniSettingsStore::readSetting(const std::string& appl
 
 bool IniSettingsStore::writeSetting(const std::string& application, const std::string& section,
                                     const std::string& key, const std::string& value) {
+  lastWriteFault_.clear();
   std::string path = filePath(application);
-  if (path.empty()) return false;
+  if (path.empty()) {
+    lastWriteFault_ = "no folder for the settings ($XDG_CONFIG_HOME and $HOME are not set)";
+    return false;
+  }
   std::string folder = path.substr(0, path.rfind('/'));
-  if (!MakeFolders(folder)) return false;
+  if (!MakeFolders(folder, lastWriteFault_)) return false;
   // A file that exists but cannot be read is left alone: writing over it would lose every
   // other setting it holds.
-  std::optional<std::string> text = ReadFileText(path);
-  if (!text) return false;
+  std::string cause;
+  std::optional<std::string> text = ReadFileText(path, cause);
+  if (!text) {
+    lastWriteFault_ = path + ": " + cause;
+    return false;
+  }
   IniContents contents = ParseIni(*text);
   contents[section][key] = value;
-  return ReplaceFile(folder, path, FormatIni(contents));
+  return ReplaceFile(folder, path, FormatIni(contents), lastWriteFault_);
+}
+
+std::string IniSettingsStore::readFault(const std::string& application) {
+  std::string path = filePath(application);
+  if (path.empty()) return {};  // nothing was ever stored: every value is its default
+  std::string cause;
+  return ReadFileText(path, cause) ? std::string() : path + ": " + cause;
 }
 
 }  // namespace tessmark::platform::linux_backend

@@ -32,11 +32,15 @@ class IniSettingsStore final : public SettingsStore {
   bool writeSetting(const std::string& application, const std::string& section,
                     const std::string& key, const std::string& value) override;
 
+  std::string readFault(const std::string& application) override;
+  std::string lastWriteFault() override { return lastWriteFault_; }
+
   // The file that holds the application's settings; "" when no folder can be named.
   std::string filePath(const std::string& application) const;
 
  private:
   std::string configHome_;
+  std::string lastWriteFault_;
 };
 
 }  // namespace tessmark::platform::linux_backend

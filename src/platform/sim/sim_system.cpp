@@ -280,6 +280,7 @@ void SimSystem::releaseAllHolds() {
 std::optional<std::string> SimSystem::readSetting(const std::string& application,
                                                   const std::string& section,
                                                   const std::string& key) {
+  if (settingsReadsFail) return std::nullopt;
   auto found = storedSettings.find({application, section, key});
   if (found == storedSettings.end()) return std::nullopt;
   return found->second;
@@ -287,10 +288,18 @@ std::optional<std::string> SimSystem::readSetting(const std::string& application
 
 bool SimSystem::writeSetting(const std::string& application, const std::string& section,
                              const std::string& key, const std::string& value) {
-  if (settingsWritesFail) return false;
+  if (settingsWritesFail || settingsReadsFail) return false;
   storedSettings[{application, section, key}] = value;
   ++settingsWrites;
   return true;
+}
+
+std::string SimSystem::readFault(const std::string& application) {
+  return settingsReadsFail ? "the settings of " + application + ": cannot be read" : "";
+}
+
+std::string SimSystem::lastWriteFault() {
+  return settingsWritesFail || settingsReadsFail ? "the settings store: cannot be written" : "";
 }
 
 }  // namespace tessmark::platform::sim

@@ -92,6 +92,7 @@ class SimSystem final : public Platform,
   // The settings store, by (application, section, key); writes fail while the flag is set.
   std::map<std::tuple<std::string, std::string, std::string>, std::string> storedSettings;
   bool settingsWritesFail = false;
+  bool settingsReadsFail = false;  // the store is there but cannot be read: every read is empty
   // A fresh folder of this machine's own on the real disk, removed with it: the documents
   // folder, the program folder and the program files live below it.
   std::string root;
@@ -172,6 +173,8 @@ class SimSystem final : public Platform,
                                          const std::string& key) override;
   bool writeSetting(const std::string& application, const std::string& section,
                     const std::string& key, const std::string& value) override;
+  std::string readFault(const std::string& application) override;
+  std::string lastWriteFault() override;
 
   // ---- Folders
   std::string documentsFolder() override { return documents; }
