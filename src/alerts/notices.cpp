@@ -28,8 +28,7 @@ void frmClosedPort::ShowPortAlert(int32_t& port, const std::string& path,
 void frmClosedPort::Command1_Click() {
   if (Check1 == 1) {
     Check2_ = 0;
-    SaveSetting(store_, "Options", "AlertDialogs", "hide");
-    secure_.SaveConfigCheck();
+    secure_.SaveSealedSetting("Options", "AlertDialogs", "hide");
   }
   ui_.closeClosedPortNotice();
 }

@@ -157,6 +157,12 @@ class SettingsStore {
   // behind: either the old or the new contents stand.
   virtual bool writeSetting(const std::string& application, const std::string& section,
                             const std::string& key, const std::string& value) = 0;
+  struct Setting {
+    std::string section, key, value;
+  };
+  // Stores every value in one write: after a crash either all of them stand or none.
+  virtual bool writeSettings(const std::string& application,
+                             const std::vector<Setting>& settings) = 0;
   // Why the stored settings cannot be read, naming the file and the cause; "" when they can
   // (a store not made yet can). While it is not "", a missing value says nothing.
   virtual std::string readFault(const std::string& application) = 0;

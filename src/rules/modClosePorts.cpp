@@ -80,8 +80,7 @@ void modClosePorts::LoadPorts() {
 void modClosePorts::SavePorts() {
   std::string setting;
   for (const auto& box : Check4) setting += std::to_string(box.Value);
-  SaveSetting(store_, "Ports", "Ports", setting);
-  secure_.SaveConfigCheck();
+  secure_.SaveSealedSetting("Ports", "Ports", setting);
 }
 
 void modClosePorts::RefreshClosedPorts() {

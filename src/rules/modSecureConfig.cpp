@@ -52,10 +52,13 @@ std::string modSecureConfig::ComputeConfigCheck() {
   return ComputeConfigCheckWith(folders_.RuleFilePath());
 }
 
-std::string modSecureConfig::ComputeConfigCheckWith(const std::string& ruleFile) {
+std::string modSecureConfig::ComputeConfigCheckWith(
+    const std::string& ruleFile, const platform::SettingsStore::Setting* pending) {
   std::string joined;
-  for (const auto& sealed : kSealedKeys)
-    joined += GetSetting(store_, sealed.section, sealed.key, "");
+  for (const auto& sealed : kSealedKeys) {
+    bool replaced = pending && pending->section == sealed.section && pending->key == sealed.key;
+    joined += replaced ? pending->value : GetSetting(store_, sealed.section, sealed.key, "");
+  }
   std::error_code error;
   if (std::filesystem::exists(ruleFile, error)) {
     ClearFileAttributes(ruleFile);
@@ -77,6 +80,20 @@ bool modSecureConfig::StoreDigest(const std::string& digest) {
   const std::string fault = store_.lastWriteFault();
   TellFault(fault, "The settings of " + AppTitle + " cannot be written (" + fault +
                        "). Changes to the rules hold until the firewall ends.");
+  return false;
+}
+
+bool modSecureConfig::SaveSealedSetting(const std::string& section, const std::string& key,
+                                        const std::string& value) {
+  // The broken state after a failed recovery is never sealed, but its options still count.
+  if (ConfigSaveLocked != kFalse) return SaveSetting(store_, section, key, value);
+  if (!SealFault.empty()) return false;  // told at start
+  platform::SettingsStore::Setting setting{section, key, value};
+  std::string digest = ComputeConfigCheckWith(folders_.RuleFilePath(), &setting);
+  if (store_.writeSettings(AppTitle, {setting, {"Secure", "SecureCheck", digest}})) return true;
+  const std::string fault = store_.lastWriteFault();
+  TellFault(fault, "The settings of " + AppTitle + " cannot be written (" + fault +
+                       "). The change holds until the firewall ends.");
   return false;
 }
 

@@ -33,8 +33,15 @@ class modSecureConfig {
 
   // The digest of the store and the rule file as they are now.
   std::string ComputeConfigCheck();
-  // The same, with the file at `ruleFile` standing in for the rule file.
-  std::string ComputeConfigCheckWith(const std::string& ruleFile);
+  // The same, with the file at `ruleFile` standing in for the rule file, and `pending` (when
+  // given) for the stored value it names.
+  std::string ComputeConfigCheckWith(const std::string& ruleFile,
+                                     const platform::SettingsStore::Setting* pending = nullptr);
+  // Stores a sealed option and the digest over it in one write, so that no crash leaves the
+  // option without its seal. False, with the fault told, when the store takes no write or the
+  // seal cannot be renewed in this run: the option then holds until the firewall ends.
+  bool SaveSealedSetting(const std::string& section, const std::string& key,
+                         const std::string& value);
   // Stores a fresh digest, unless the failed recovery locked the settings or a fault of the
   // disk keeps the seal from being checked.
   void SaveConfigCheck();

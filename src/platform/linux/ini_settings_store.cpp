@@ -325,6 +325,11 @@ std::optional<std::string> IniSettingsStore::readSetting(const std::string& appl
 
 bool IniSettingsStore::writeSetting(const std::string& application, const std::string& section,
                                     const std::string& key, const std::string& value) {
+  return writeSettings(application, {Setting{section, key, value}});
+}
+
+bool IniSettingsStore::writeSettings(const std::string& application,
+                                     const std::vector<Setting>& settings) {
   lastWriteFault_.clear();
   std::string path = filePath(application);
   if (path.empty()) {
@@ -342,7 +347,7 @@ bool IniSettingsStore::writeSetting(const std::string& application, const std::s
     return false;
   }
   IniContents contents = ParseIni(*text);
-  contents[section][key] = value;
+  for (const auto& setting : settings) contents[setting.section][setting.key] = setting.value;
   return ReplaceFile(folder, path, FormatIni(contents), lastWriteFault_);
 }
 

@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "platform/platform.h"
 
@@ -32,6 +33,7 @@ class IniSettingsStore final : public SettingsStore {
   bool writeSetting(const std::string& application, const std::string& section,
                     const std::string& key, const std::string& value) override;
 
+  bool writeSettings(const std::string& application, const std::vector<Setting>& settings) override;
   std::string readFault(const std::string& application) override;
   std::string lastWriteFault() override { return lastWriteFault_; }
 

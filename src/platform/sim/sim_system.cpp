@@ -294,6 +294,15 @@ bool SimSystem::writeSetting(const std::string& application, const std::string& 
   return true;
 }
 
+bool SimSystem::writeSettings(const std::string& application,
+                              const std::vector<Setting>& settings) {
+  if (settingsWritesFail || settingsReadsFail) return false;
+  for (const auto& setting : settings)
+    storedSettings[{application, setting.section, setting.key}] = setting.value;
+  ++settingsWrites;
+  return true;
+}
+
 std::string SimSystem::readFault(const std::string& application) {
   return settingsReadsFail ? "the settings of " + application + ": cannot be read" : "";
 }

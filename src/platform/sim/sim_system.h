@@ -173,6 +173,7 @@ class SimSystem final : public Platform,
                                          const std::string& key) override;
   bool writeSetting(const std::string& application, const std::string& section,
                     const std::string& key, const std::string& value) override;
+  bool writeSettings(const std::string& application, const std::vector<Setting>& settings) override;
   std::string readFault(const std::string& application) override;
   std::string lastWriteFault() override;
 
