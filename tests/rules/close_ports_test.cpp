@@ -67,13 +67,25 @@ TEST_F(ClosePorts, TheTableFollowsTheBoxes) {
   EXPECT_EQ(ports().ClosedPorts[1], -1);
 }
 
-TEST_F(ClosePorts, SavingStoresOneDigitPerBoxAndReseals) {
+TEST_F(ClosePorts, SavingStoresOneDigitPerBoxAndItsSealInOneWrite) {
   ports().Check4[0].Value = 1;
   ports().Check4[16].Value = 1;
   ports().Check4[5].Value = 2;
   ports().SavePorts();
   EXPECT_EQ(sim.readSetting(AppTitle, "Ports", "Ports"), "10000200000000001");
   EXPECT_EQ(rules.secureConfig.GetConfig(), rules.secureConfig.ComputeConfigCheck());
+  // Two writes would leave a crash between them an option without its seal.
+  EXPECT_EQ(sim.settingsWrites, 1);
+
+  // A store that takes no write keeps the boxes for this run and says why, once.
+  sim.settingsWritesFail = true;
+  ports().Check4[1].Value = 1;
+  ports().SavePorts();
+  ports().SavePorts();
+  EXPECT_EQ(ports().Check4[1].Value, 1);
+  ASSERT_EQ(ui.messageBoxes.size(), 1u);
+  EXPECT_NE(ui.messageBoxes[0].text.find("cannot be written"), std::string::npos);
+  EXPECT_EQ(sim.readSetting(AppTitle, "Ports", "Ports"), "10000200000000001");
 }
 
 TEST_F(ClosePorts, TheCheckYieldsBeforeEveryComparison) {
