@@ -1,5 +1,6 @@
 // The rule file reader on any bytes: it must never crash, and what it read must come back
-// the same after a write and a second read.
+// the same after a write and a second read. Any bytes as one field (a program's name) come
+// back exactly after quoting.
 
 #include <unistd.h>
 
@@ -9,6 +10,7 @@
 #include <string>
 
 #include "monitor/booleans.h"
+#include "rules/field_quoting.h"
 #include "rules/modSetting.h"
 
 namespace {
@@ -31,7 +33,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   RuleList list;
   LoadRuleFile(list, path, kFalse);
 
-  // Cells read from a file hold neither TAB nor CR, so the written form reads back the same.
+  const std::string bytes(reinterpret_cast<const char*>(data), size);
+  if (UnquoteField(QuoteField(bytes, "\t|")) != bytes) std::abort();
+
+  // A cell that holds a TAB or a line break is written quoted, so the written form reads
+  // back the same.
   std::string written = FormatRuleFile(list);
   writeFile(path, written);
   RuleList again;
