@@ -20,8 +20,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include "base/ui_port.h"
 #include "monitor/mailbox.h"
-#include "monitor/ui_port.h"
 #include "platform/sim/sim_system.h"
 #include "process/modPauseProcess.h"
 #include "process/modprocs.h"

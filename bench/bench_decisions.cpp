@@ -55,7 +55,7 @@
 
 #include <benchmark/benchmark.h>
 
-#include "monitor/booleans.h"
+#include "base/booleans.h"
 #include "monitor/engine.h"
 #include "platform/linux/linux_platform.h"
 #include "platform/linux/private_netns.h"

@@ -9,7 +9,7 @@
 #include <fstream>
 #include <string>
 
-#include "monitor/booleans.h"
+#include "base/booleans.h"
 #include "rules/field_quoting.h"
 #include "rules/modSetting.h"
 

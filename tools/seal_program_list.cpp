@@ -14,9 +14,9 @@
 #include <string>
 #include <vector>
 
-#include "monitor/booleans.h"
+#include "base/booleans.h"
+#include "base/ui_port.h"
 #include "monitor/mailbox.h"
-#include "monitor/ui_port.h"
 #include "platform/linux/linux_platform.h"
 #include "process/modPauseProcess.h"
 #include "process/modprocs.h"

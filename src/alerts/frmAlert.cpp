@@ -2,8 +2,8 @@
 
 #include "alerts/modInternalName.h"
 #include "alerts/notices.h"
+#include "base/text_compare.h"
 #include "rules/modSetting.h"
-#include "rules/text_compare.h"
 
 namespace tessmark {
 
@@ -70,7 +70,7 @@ void frmAlert::command2_Click() {
     if (id < 0 || static_cast<size_t>(id) >= main_.AlertRows.size()) continue;
     int32_t pid = 0, port = 0;
     std::string name;
-    main_.CloseConnection(main_.AlertRows[id], pid, port, name);
+    main_.breaker.CloseConnection(main_.AlertRows[id], pid, port, name);
   }
   // From index 0: AlertIds(0) is 0, so the program of alert id 0, which is never set, is
   // resumed once more. Resuming what runs changes nothing.

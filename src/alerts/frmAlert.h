@@ -7,13 +7,21 @@
 #include <string>
 #include <vector>
 
-#include "monitor/modmain.h"
-#include "monitor/ui_port.h"
+#include "base/connection_record.h"
+#include "base/ui_port.h"
 #include "process/modPauseProcess.h"
 #include "rules/rule_list.h"
 #include "rules/rule_store.h"
 
 namespace tessmark {
+
+// The alert table an answer works on: the held connections and their owners by alert id
+// (from 1), and the way to break one. The monitor keeps the table.
+struct HeldConnections {
+  std::vector<MIB_TCPROW>& AlertRows;
+  std::vector<int32_t>& AlertPids;
+  ConnectionBreaker& breaker;
+};
 
 // What an answer works on besides the alert table: the rules and the rule list.
 struct AlertServices {
@@ -25,8 +33,8 @@ struct AlertServices {
 class frmAlert {
  public:
   // slot: the alert's index in AlertForms, by which its window is known.
-  frmAlert(modmain& main, modPauseProcess& pause, AlertServices& services, int16_t slot)
-      : main_(main), pause_(pause), services_(services), slot_(slot) {}
+  frmAlert(HeldConnections held, modPauseProcess& pause, AlertServices& services, int16_t slot)
+      : main_(held), pause_(pause), services_(services), slot_(slot) {}
 
   // Takes the program's path, unless empty or the same path (ignoring case), and names the
   // program for the dialog.
@@ -67,7 +75,7 @@ class frmAlert {
   void resumeHeld(int16_t from);
   RuleRow* ruleRow();
 
-  modmain& main_;
+  HeldConnections main_;
   modPauseProcess& pause_;
   AlertServices& services_;
   int16_t slot_;

@@ -1,6 +1,6 @@
 #include "alerts/notices.h"
 
-#include "monitor/booleans.h"
+#include "base/booleans.h"
 #include "rules/app_settings.h"
 #include "rules/modClosePorts.h"
 

@@ -6,8 +6,8 @@
 #include <string_view>
 #include <system_error>
 
-#include "monitor/booleans.h"
-#include "monitor/modCompare.h"
+#include "base/booleans.h"
+#include "base/modCompare.h"
 #include "rules/field_quoting.h"
 
 namespace tessmark {
@@ -124,7 +124,7 @@ void modWriteLog::WriteBlockedConnection(int16_t& isTcp, int16_t& index, std::st
   //    the whole table for each line made a pass with many refusals cost a second. A row
   //    number outside the table reads nothing, so the line is built from an empty record:
   //    path "-", pid and ports 0, the rest empty.
-  const ConnectionTable& table = isExactlyTrue(isTcp) ? main_.TcpConnections : main_.UdpConnections;
+  const ConnectionTable& table = isExactlyTrue(isTcp) ? tcp_ : udp_;
   ConnectionRecord record;
   if (index >= 0 && static_cast<size_t>(index) < table.size())
     record = table[static_cast<size_t>(index)];

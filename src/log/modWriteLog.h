@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "monitor/message_pump.h"
-#include "monitor/modmain.h"
+#include "base/connection_record.h"
+#include "base/message_pump.h"
 #include "platform/platform.h"
 #include "rules/app_settings.h"
 
@@ -52,9 +52,11 @@ class modWriteLog {
 
   // Check3 is the settings window's "Activate Firewall Log" box (1 ticked), read at every
   // refusal. ChangeBlockValue shows the two counters in the settings window.
-  modWriteLog(modmain& main, const AppFolders& folders, platform::Clock& clock, MessagePump& pump,
+  modWriteLog(const ConnectionTable& TcpConnections, const ConnectionTable& UdpConnections,
+              const AppFolders& folders, platform::Clock& clock, MessagePump& pump,
               const int16_t& Check3, std::function<void(int32_t&, int32_t&)> ChangeBlockValue)
-      : main_(main),
+      : tcp_(TcpConnections),
+        udp_(UdpConnections),
         folders_(folders),
         clock_(clock),
         pump_(pump),
@@ -102,7 +104,9 @@ class modWriteLog {
   std::string TodayLogPath();
   void FillListView2(int16_t& maxLines, std::string& searchText, std::string& ipText);
 
-  modmain& main_;
+  // The monitor's snapshot tables, whose rows the lines are made of.
+  const ConnectionTable& tcp_;
+  const ConnectionTable& udp_;
   const AppFolders& folders_;
   platform::Clock& clock_;
   MessagePump& pump_;

@@ -7,9 +7,9 @@
 #include <string>
 #include <unordered_map>
 
-#include "monitor/booleans.h"
+#include "base/booleans.h"
+#include "base/text_compare.h"
 #include "monitor/frmThread.h"
-#include "rules/text_compare.h"
 
 namespace tessmark {
 

@@ -2,7 +2,7 @@
 
 #include <system_error>
 
-#include "monitor/booleans.h"
+#include "base/booleans.h"
 
 namespace tessmark {
 

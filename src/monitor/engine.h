@@ -7,10 +7,10 @@
 #include <thread>
 
 #include "alerts/frmAlert.h"
+#include "base/ui_port.h"
 #include "monitor/frmThread.h"
 #include "monitor/mailbox.h"
 #include "monitor/modmain.h"
-#include "monitor/ui_port.h"
 #include "platform/platform.h"
 #include "process/modPauseProcess.h"
 #include "process/modprocs.h"

@@ -2,14 +2,14 @@
 
 #include <cstdint>
 
-#include "monitor/booleans.h"
+#include "base/booleans.h"
 #include "rules/modSetting.h"
 
 namespace tessmark {
 
 frmThread::frmThread(modmain& main, modPauseProcess& pause, MessagePump& pump, UiPort& ui,
                      platform::Clock& clock, RuleStore& rules, platform::SettingsStore& store)
-    : Log(main, rules.folders, clock, pump, Check3,
+    : Log(main.TcpConnections, main.UdpConnections, rules.folders, clock, pump, Check3,
           [this](int32_t& all, int32_t& high) { ChangeBlockValue(all, high); }),
       ClosedPortNotice(ui, store, rules.secureConfig, Check2),
       VirusNotice(ui),
@@ -102,7 +102,8 @@ frmAlert& frmThread::AlertForm(int32_t index) {
   if (AlertForms.size() <= static_cast<size_t>(index)) AlertForms.resize(index + 1);
   auto& form = AlertForms[index];
   if (!form)
-    form = std::make_unique<frmAlert>(main_, pause_, alertServices_, static_cast<int16_t>(index));
+    form = std::make_unique<frmAlert>(HeldConnections{main_.AlertRows, main_.AlertPids, main_},
+                                      pause_, alertServices_, static_cast<int16_t>(index));
   return *form;
 }
 

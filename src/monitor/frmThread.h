@@ -11,11 +11,11 @@
 
 #include "alerts/frmAlert.h"
 #include "alerts/notices.h"
+#include "base/message_pump.h"
+#include "base/ui_port.h"
 #include "log/modWriteLog.h"
-#include "monitor/message_pump.h"
 #include "monitor/modmain.h"
 #include "monitor/program_memory.h"
-#include "monitor/ui_port.h"
 #include "platform/platform.h"
 #include "process/modPauseProcess.h"
 #include "rules/rule_list.h"

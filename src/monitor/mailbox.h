@@ -9,7 +9,7 @@
 #include <mutex>
 #include <vector>
 
-#include "monitor/message_pump.h"
+#include "base/message_pump.h"
 
 namespace tessmark {
 

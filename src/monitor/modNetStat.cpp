@@ -2,7 +2,7 @@
 
 #include <array>
 
-#include "monitor/booleans.h"
+#include "base/booleans.h"
 
 namespace tessmark {
 

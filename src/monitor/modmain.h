@@ -10,44 +10,12 @@
 #include <string>
 #include <vector>
 
-#include "monitor/message_pump.h"
+#include "base/connection_record.h"
+#include "base/message_pump.h"
 #include "platform/platform.h"
 #include "process/modprocs.h"
 
 namespace tessmark {
-
-using MIB_TCPROW = platform::TcpRow;
-
-// One row of a snapshot. A UDP record has State "LISTEN", no remote side and a zero Row.
-struct ConnectionRecord {
-  std::string State;
-  std::string LocalAddress;
-  int32_t LocalPort = 0;
-  std::string RemoteAddress;
-  int32_t RemotePort = 0;
-  int32_t ProcessId = 0;
-  std::string ProcessPath;
-  int16_t AllRows = 0;
-  MIB_TCPROW Row;
-};
-
-// A snapshot array, index from 0. Empty means never allocated; an allocated one holds the
-// rows and one empty surplus record behind them.
-using ConnectionTable = std::vector<ConnectionRecord>;
-
-// The table's upper bound minus 1, so the index of its last row; -1 when unallocated.
-int32_t LastTableIndex(const ConnectionTable& table);
-
-// Dotted text of an address whose bytes lie in network order in memory.
-std::string GetIpFromLong(uint32_t address);
-
-// The port of a raw table value. The byte swap is done in floating point and rounds halves
-// to even, so ports from 32768 up may come out one higher; display, log and comparison all
-// see this number, while Row keeps the true value.
-int32_t GetTcpPortNumber(int32_t raw);
-
-// Text of a table state number; an unknown number reads "LISTEN".
-std::string GetState(int32_t state);
 
 // Told of each connection broken because its local port is a closed service, so that the
 // closed-port notice can appear.
@@ -57,7 +25,7 @@ class ClosedPortListener {
   virtual void portClosed(int32_t& port, std::string& name, const std::string& remoteAddress) = 0;
 };
 
-class modmain {
+class modmain final : public ConnectionBreaker {
  public:
   // The probe buffer holds 1001 rows. A larger table cannot be put into it, so the probe
   // reads the buffer's zeroed count instead.
@@ -76,7 +44,7 @@ class modmain {
   // state is set to "delete" in place. A success lowers LastTcpCount, so the next probe finds
   // the table as it now is and stays quiet; a row that did not go away changes the count
   // again and is judged again. A non-zero port marks a break for the closed-port list.
-  int16_t CloseConnection(MIB_TCPROW& row, int32_t& pid, int32_t& port, std::string& name);
+  int16_t CloseConnection(MIB_TCPROW& row, int32_t& pid, int32_t& port, std::string& name) override;
   ClosedPortListener* closedPortListener = nullptr;
 
   ConnectionTable TcpConnections;

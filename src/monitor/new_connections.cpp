@@ -7,10 +7,10 @@
 #include <cstdint>
 #include <optional>
 
-#include "monitor/booleans.h"
+#include "base/booleans.h"
+#include "base/text_compare.h"
 #include "monitor/frmThread.h"
 #include "rules/modSetting.h"
-#include "rules/text_compare.h"
 #include "rules/text_numbers.h"
 
 namespace tessmark {

@@ -2,7 +2,7 @@
 
 #include <unordered_set>
 
-#include "rules/text_compare.h"
+#include "base/text_compare.h"
 
 namespace tessmark {
 

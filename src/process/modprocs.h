@@ -6,7 +6,7 @@
 #include <string>
 #include <unordered_map>
 
-#include "monitor/message_pump.h"
+#include "base/message_pump.h"
 #include "platform/platform.h"
 
 namespace tessmark {

@@ -10,8 +10,8 @@
 #include <string>
 #include <unordered_map>
 
-#include "monitor/message_pump.h"
-#include "monitor/ui_port.h"
+#include "base/message_pump.h"
+#include "base/ui_port.h"
 #include "process/modPauseProcess.h"
 
 namespace tessmark {

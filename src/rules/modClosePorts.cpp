@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "monitor/booleans.h"
+#include "base/booleans.h"
 #include "rules/app_settings.h"
 #include "rules/text_numbers.h"
 

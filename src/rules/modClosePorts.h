@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <string>
 
-#include "monitor/message_pump.h"
+#include "base/message_pump.h"
 #include "platform/platform.h"
 #include "rules/modSecureConfig.h"
 

@@ -3,7 +3,7 @@
 #include <filesystem>
 #include <system_error>
 
-#include "monitor/booleans.h"
+#include "base/booleans.h"
 #include "rules/line_reader.h"
 #include "rules/text_numbers.h"
 

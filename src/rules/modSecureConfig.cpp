@@ -3,7 +3,7 @@
 #include <filesystem>
 #include <system_error>
 
-#include "monitor/booleans.h"
+#include "base/booleans.h"
 #include "rules/durable_file.h"
 #include "rules/modSetting.h"
 #include "rules/rule_file_commit.h"

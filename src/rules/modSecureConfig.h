@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <string>
 
-#include "monitor/ui_port.h"
+#include "base/ui_port.h"
 #include "platform/platform.h"
 #include "rules/app_settings.h"
 #include "rules/modChecksum.h"

@@ -4,8 +4,8 @@
 
 #include <cstdint>
 
-#include "monitor/message_pump.h"
-#include "monitor/ui_port.h"
+#include "base/message_pump.h"
+#include "base/ui_port.h"
 #include "platform/platform.h"
 #include "process/modPauseProcess.h"
 #include "rules/app_settings.h"

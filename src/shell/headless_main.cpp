@@ -13,7 +13,7 @@
 #include <string>
 #include <system_error>
 
-#include "monitor/booleans.h"
+#include "base/booleans.h"
 #include "monitor/engine.h"
 #include "platform/linux/linux_platform.h"
 #include "platform/linux/session_signals.h"

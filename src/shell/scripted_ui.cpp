@@ -3,10 +3,10 @@
 #include <ctime>
 #include <sstream>
 
+#include "base/modCompare.h"
+#include "base/text_compare.h"
 #include "monitor/engine.h"
-#include "monitor/modCompare.h"
 #include "rules/line_reader.h"
-#include "rules/text_compare.h"
 #include "rules/text_numbers.h"
 
 namespace tessmark {

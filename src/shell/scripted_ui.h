@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-#include "monitor/ui_port.h"
+#include "base/ui_port.h"
 
 namespace tessmark {
 

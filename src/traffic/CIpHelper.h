@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <memory>
 
-#include "monitor/ui_port.h"
+#include "base/ui_port.h"
 #include "platform/platform.h"
 #include "traffic/CInterfaces.h"
 

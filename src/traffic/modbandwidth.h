@@ -7,7 +7,7 @@
 #include <memory>
 #include <string>
 
-#include "monitor/ui_port.h"
+#include "base/ui_port.h"
 #include "platform/platform.h"
 #include "traffic/CIpHelper.h"
 #include "traffic/TrendView.h"

@@ -18,8 +18,8 @@
 
 #include <gtest/gtest.h>
 
+#include "base/ui_port.h"
 #include "linux/netns.h"
-#include "monitor/ui_port.h"
 #include "platform/linux/linux_adapters.h"
 #include "traffic/CIpHelper.h"
 #include "traffic/modbandwidth.h"

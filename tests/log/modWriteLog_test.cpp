@@ -11,8 +11,8 @@
 #include <utility>
 #include <vector>
 
+#include "base/booleans.h"
 #include "log/modWriteLog.h"
-#include "monitor/booleans.h"
 #include "support/sim_engine.h"
 
 namespace tessmark {
@@ -71,10 +71,13 @@ class WriteLog : public ::testing::Test, public testing::SimMonitor {
 
   int16_t Check3 = 1;
   std::vector<std::pair<int32_t, int32_t>> shownCounters;
-  modWriteLog log{
-      main,   rules.folders,
-      sim,    mailbox,
-      Check3, [this](int32_t& all, int32_t& high) { shownCounters.emplace_back(all, high); }};
+  modWriteLog log{main.TcpConnections,
+                  main.UdpConnections,
+                  rules.folders,
+                  sim,
+                  mailbox,
+                  Check3,
+                  [this](int32_t& all, int32_t& high) { shownCounters.emplace_back(all, high); }};
 };
 
 // ---- writing

@@ -8,7 +8,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "monitor/booleans.h"
+#include "base/booleans.h"
 #include "support/sim_engine.h"
 
 namespace tessmark {

@@ -5,7 +5,7 @@
 
 #include <future>
 
-#include "monitor/booleans.h"
+#include "base/booleans.h"
 #include "monitor/engine.h"
 #include "support/sim_engine.h"
 

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "monitor/booleans.h"
-#include "monitor/modCompare.h"
+#include "base/booleans.h"
+#include "base/modCompare.h"
 
 namespace tessmark {
 namespace {

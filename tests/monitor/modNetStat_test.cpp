@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "monitor/booleans.h"
+#include "base/booleans.h"
 #include "monitor/modNetStat.h"
 #include "platform/sim/sim_system.h"
 

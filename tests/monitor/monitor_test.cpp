@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "monitor/booleans.h"
+#include "base/booleans.h"
 #include "support/sim_engine.h"
 
 namespace tessmark {

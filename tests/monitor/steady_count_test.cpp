@@ -6,7 +6,7 @@
 
 #include <filesystem>
 
-#include "monitor/booleans.h"
+#include "base/booleans.h"
 #include "support/sim_engine.h"
 
 namespace tessmark {

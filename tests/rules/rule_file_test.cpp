@@ -9,7 +9,7 @@
 #include <iterator>
 #include <sstream>
 
-#include "monitor/booleans.h"
+#include "base/booleans.h"
 #include "rules/modSetting.h"
 #include "rules/rule_file_commit.h"
 #include "support/sim_engine.h"
@@ -131,9 +131,15 @@ TEST_F(RuleFile, ASaveCutShortAtAnyStepLeavesSealedRules) {
     RuleList after;
     add(after, "/usr/bin/new", "2", AccessDeny, "1");
     RuleFileCommit commit(path(), rules.secureConfig);
-    if (stepsDone >= 1) ASSERT_TRUE(commit.Write(FormatRuleFile(after)));
-    if (stepsDone >= 2) ASSERT_TRUE(commit.Seal());
-    if (stepsDone >= 3) ASSERT_TRUE(commit.Replace());
+    if (stepsDone >= 1) {
+      ASSERT_TRUE(commit.Write(FormatRuleFile(after)));
+    }
+    if (stepsDone >= 2) {
+      ASSERT_TRUE(commit.Seal());
+    }
+    if (stepsDone >= 3) {
+      ASSERT_TRUE(commit.Replace());
+    }
     if (stepsDone == 0)  // killed while the new file was half written
       std::ofstream(path() + ".new", std::ios::binary) << "\t/usr/bin/ne";
 

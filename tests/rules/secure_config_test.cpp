@@ -8,7 +8,7 @@
 #include <iterator>
 #include <vector>
 
-#include "monitor/booleans.h"
+#include "base/booleans.h"
 #include "rules/modSetting.h"
 #include "support/file_modes_bind.h"
 #include "support/sim_engine.h"

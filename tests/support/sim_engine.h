@@ -5,10 +5,10 @@
 #include <string>
 #include <vector>
 
+#include "base/ui_port.h"
 #include "monitor/frmThread.h"
 #include "monitor/mailbox.h"
 #include "monitor/modmain.h"
-#include "monitor/ui_port.h"
 #include "platform/sim/sim_system.h"
 #include "process/modPauseProcess.h"
 #include "process/modprocs.h"

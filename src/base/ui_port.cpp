@@ -1,4 +1,4 @@
-#include "monitor/ui_port.h"
+#include "base/ui_port.h"
 
 namespace tessmark {
 

@@ -1,4 +1,4 @@
-#include "rules/text_compare.h"
+#include "base/text_compare.h"
 
 #include <algorithm>
 

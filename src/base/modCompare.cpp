@@ -1,11 +1,11 @@
-#include "monitor/modCompare.h"
+#include "base/modCompare.h"
 
 #include <algorithm>
 #include <optional>
 #include <vector>
 
-#include "monitor/booleans.h"
-#include "rules/text_compare.h"
+#include "base/booleans.h"
+#include "base/text_compare.h"
 
 namespace tessmark {
 
