@@ -4,7 +4,7 @@ BUILD ?= build
 CMAKE_FLAGS ?=
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps configure build run test bench tsan asan fuzz format clean
+.PHONY: all deps configure build run test bench tsan asan fuzz windows-core format clean
 
 all: build
 
@@ -43,6 +43,10 @@ fuzz:
 	  -DTESSMARK_BUILD_TESTS=OFF -DTESSMARK_BUILD_BENCH=OFF >/dev/null
 	@cmake --build build-fuzz -j $(JOBS) --target $(if $(FUZZ),fuzz_$(FUZZ),fuzzers)
 	@fuzz/run-fuzzers build-fuzz $(FUZZ_SECONDS) $(FUZZ)
+
+# Every core file compiled for Windows with mingw-w64: the core names no Linux interface.
+windows-core: deps
+	@tools/check-core-windows
 
 format:
 	@git ls-files '*.cpp' '*.h' | xargs clang-format -i

@@ -4,7 +4,9 @@
 // Value types, no exceptions: a failure is a result.
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -170,6 +172,59 @@ class SettingsStore {
   // went through.
   virtual std::string lastWriteFault() = 0;
 };
+
+// What identifies one version of a file without reading it.
+struct FileVersion {
+  uint64_t device = 0, inode = 0;
+  int64_t size = 0, modified = 0, changed = 0;  // times in nanoseconds
+  friend bool operator==(const FileVersion&, const FileVersion&) = default;
+};
+
+enum class OpenFailure { None, NotFound, NotRegular, Other };
+
+// One regular file, open. A read or write at an offset takes every byte or fails; a file
+// that got shorter while it was read fails the read.
+class OpenFile {
+ public:
+  virtual ~OpenFile() = default;
+  virtual int64_t size() = 0;
+  virtual bool readAt(void* into, size_t size, int64_t offset) = 0;
+  virtual bool writeAt(const void* bytes, size_t size, int64_t offset) = 0;
+  // Where the data at or after `offset` begins: `end` when only a hole follows, `offset`
+  // itself where the file system cannot tell holes (every byte then counts as data).
+  virtual int64_t nextData(int64_t offset, int64_t end) = 0;
+  // Where the hole at or after `offset` begins; `end` at the latest.
+  virtual int64_t nextHole(int64_t offset, int64_t end) = 0;
+};
+
+// The files the firewall reads and writes itself: program files, read while their program
+// stands frozen, and its own rule file, written so that a crash leaves whole files. Each
+// text result is "" when all went well, otherwise the path it failed on and the cause.
+class Files {
+ public:
+  virtual ~Files() = default;
+  // Opens a regular file without ever waiting: what stands at the path and is no regular
+  // file (a pipe, a device, a folder) is refused, and a pipe that takes the path meanwhile
+  // is not waited on. `write` asks for writing too and falls back to reading only; `create`
+  // makes a missing file, empty.
+  virtual std::unique_ptr<OpenFile> open(const std::string& path, bool write, bool create,
+                                         OpenFailure& failure) = 0;
+  // nullopt when nothing readable stands at the path, or no regular file.
+  virtual std::optional<FileVersion> version(const std::string& path) = 0;
+  // Why the file cannot be read: "" when it can, and when nothing stands at the path. A
+  // folder on the way that cannot be searched is a fault; what is no regular file is not.
+  virtual std::string readFault(const std::string& path) = 0;
+  // Writes the bytes into a new file at the path, replacing one there, and returns once
+  // they are on the disk.
+  virtual std::string writeDurably(const std::string& path, const std::string& bytes) = 0;
+  // Renames `from` over `to` and returns once the rename is on the disk.
+  virtual std::string renameDurably(const std::string& from, const std::string& to) = 0;
+  // Returns once the names in the folder (a new file, a rename) are on the disk.
+  virtual std::string syncFolder(const std::string& folder) = 0;
+};
+
+// The files of the system the firewall is built for, given by its backend.
+Files& SystemFiles();
 
 // The folders the system names for this user and this program.
 class Folders {

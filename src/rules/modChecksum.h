@@ -12,6 +12,7 @@
 
 #include "base/message_pump.h"
 #include "base/ui_port.h"
+#include "platform/platform.h"
 #include "process/modPauseProcess.h"
 
 namespace tessmark {
@@ -48,17 +49,11 @@ class modChecksum {
   int16_t CrcTableReady = 0;
 
  private:
-  // What identifies one version of a file without reading it.
-  struct FileVersion {
-    uint64_t device = 0, inode = 0;
-    int64_t size = 0, modified = 0, changed = 0;  // times in nanoseconds
-    friend bool operator==(const FileVersion&, const FileVersion&) = default;
-  };
   struct KnownChecksum {
-    FileVersion version;
+    platform::FileVersion version;
     int32_t crc = 0;
   };
-  static std::optional<FileVersion> VersionOf(const std::string& path);
+  static std::optional<platform::FileVersion> VersionOf(const std::string& path);
 
   std::unordered_map<std::string, KnownChecksum> knownChecksums_;
   modPauseProcess& pause_;
