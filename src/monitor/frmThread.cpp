@@ -39,6 +39,7 @@ void frmThread::startthefirewall() {
 
 void frmThread::firewall() {
   if (FirewallActive == kFalse) return;
+  pause_.Settle();
   bool changed = false;
   if (main_.GetTCPConnections(kTrue, kFalse) == kTrue) {
     changed = true;

@@ -118,6 +118,9 @@ class Threads {
   // Raises the calling thread's scheduling priority where the system permits it, so that the
   // engine's poll keeps its pace while busy programs load the machine. False when it stays.
   virtual bool raiseCallingThreadPriority() { return false; }
+  // Called on the engine thread at every poll: finishes what a resume could not finish at
+  // once (letting go of a thread whose stop came late), so that no program stays frozen.
+  virtual void settle() {}
 };
 
 // The exit code a running process reports.

@@ -31,6 +31,8 @@ class modPauseProcess {
 
   void SuspendThreads(int32_t pid);
   void ResumeThreads(int32_t pid);
+  // At every poll: lets the system finish a resume it could not finish at once.
+  void Settle() { threads_.settle(); }
   void SuspendOneThread(uint32_t threadId);
   void ResumeOneThread(uint32_t threadId);
 

@@ -253,6 +253,7 @@ bool LinuxThreads::holdThread(uint32_t threadId, int32_t pid, ThreadHold& thread
   thread.pid = pid;
   thread.count = 1;
   if (method_ == HoldMethod::kTrace && !process->stoppedBySignal) {
+    if (adoptLateStop(threadId, thread)) return true;
     thread.trace.tid = static_cast<pid_t>(threadId);
     // The stop follows within microseconds; it is not waited for here, as a thread's
     // suspension does not wait on the system either, and a program of many threads would
@@ -297,9 +298,49 @@ bool LinuxThreads::stopBySignal(int32_t pid, ProcessHold& process) {
 // A traced thread that cannot be let go has died in its stop: its end is taken instead, or
 // its process's parent would wait for it as long as the tracing thread lives.
 void LinuxThreads::letGo(ThreadHold& thread) {
-  if (!thread.traced || Detach(thread.trace)) return;
+  if (!thread.traced) return;
   const ProcessHold* process = processHold(thread.pid);
-  ReapEnded(thread.trace, thread.pid, process != nullptr ? process->realParent : 0);
+  const pid_t realParent = process != nullptr ? process->realParent : 0;
+  switch (Detach(thread.trace, kStopWait)) {
+    case DetachResult::kLetGo:
+      return;
+    case DetachResult::kNotStopped:
+      // Its stop comes later (it sleeps uninterruptibly, or a busy machine has not given it
+      // a processor yet); the engine's next polls let it go then.
+      lateStops_.push_back(LateStop{thread.trace, thread.pid, realParent});
+      return;
+    case DetachResult::kGone:
+      ReapEnded(thread.trace, thread.pid, realParent);
+      return;
+  }
+}
+
+void LinuxThreads::settle() {
+  std::lock_guard lock(mutex_);
+  std::erase_if(lateStops_, [](LateStop& late) {
+    switch (Detach(late.trace, std::chrono::microseconds(0))) {
+      case DetachResult::kNotStopped:
+        return false;
+      case DetachResult::kGone:
+        ReapEnded(late.trace, late.pid, late.realParent);
+        return true;
+      case DetachResult::kLetGo:
+        return true;
+    }
+    return true;
+  });
+}
+
+bool LinuxThreads::adoptLateStop(uint32_t threadId, ThreadHold& thread) {
+  auto late = std::find_if(lateStops_.begin(), lateStops_.end(), [&](const LateStop& stop) {
+    return stop.trace.tid == static_cast<pid_t>(threadId);
+  });
+  if (late == lateStops_.end()) return false;
+  // Still seized, with its stop still due or come: it is held again as it stands.
+  thread.trace = late->trace;
+  thread.traced = true;
+  lateStops_.erase(late);
+  return true;
 }
 
 // Ends the hold of a process whose threads are all let go (or which ended): continues it if
@@ -469,6 +510,7 @@ void LinuxThreads::releaseAllHolds() {
   // it before this runs).
   for (auto& [tid, thread] : threads_) letGo(thread);
   threads_.clear();
+  lateStops_.clear();
   std::vector<int32_t> held;
   for (const auto& [pid, process] : processes_) held.push_back(pid);
   for (int32_t pid : held) endProcessHold(pid, false);

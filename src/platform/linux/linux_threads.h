@@ -52,6 +52,7 @@ class LinuxThreads final : public Threads {
   uint32_t lastError() override;
 
   void releaseAllHolds() override;
+  void settle() override;
   bool raiseCallingThreadPriority() override;
 
   // Continues every process held by signal if this program dies of a fatal signal (see
@@ -89,12 +90,22 @@ class LinuxThreads final : public Threads {
   bool holdThread(uint32_t threadId, int32_t pid, ThreadHold& thread);
   bool stopBySignal(int32_t pid, ProcessHold& process);
   void letGo(ThreadHold& thread);
+  bool adoptLateStop(uint32_t threadId, ThreadHold& thread);
   void endProcessHold(int32_t pid, bool ended);
   void dropGone();
   void dropEndedThreads(int32_t pid);
   void writeLedger();
 
   std::mutex mutex_;
+  // Threads let go before their stop came: detached at the engine's next polls.
+  struct LateStop {
+    TracedThread trace;
+    int32_t pid = 0;
+    pid_t realParent = 0;
+  };
+  std::vector<LateStop> lateStops_;
+  // How long a letting go waits for a stop still due before leaving it to the next polls.
+  static constexpr std::chrono::milliseconds kStopWait{200};
   std::string ledgerPath_;
   HoldMethod method_;
   const ProcessIdentities* identities_;

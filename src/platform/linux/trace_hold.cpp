@@ -18,7 +18,7 @@ namespace tessmark::platform::linux_backend {
 namespace {
 
 constexpr auto kPollInterval = std::chrono::microseconds(50);
-// The longest a stop still due or an end under way is waited for.
+// The longest an end under way is waited for.
 constexpr auto kLongestWait = std::chrono::milliseconds(200);
 
 // A stop normally follows within microseconds, once the thread gets a processor: the first
@@ -65,12 +65,12 @@ bool CollectStop(TracedThread& thread) {
   return true;
 }
 
-bool Detach(TracedThread& thread) {
+DetachResult Detach(TracedThread& thread, std::chrono::microseconds wait) {
   // The kernel lets go only of a thread in its trace stop; one whose stop is still due (the
-  // hold does not wait for it, and a thread in an uninterruptible sleep stops late) is waited
-  // for. Its stop report is read first: it names a signal the thread may have stopped to take.
+  // hold does not wait for it) is waited for. Its stop report is read first: it names a
+  // signal the thread may have stopped to take.
   bool gone = false;
-  bool detached = PollUntil(kLongestWait, [&] {
+  bool detached = PollUntil(wait, [&] {
     if (!CollectStop(thread)) {
       gone = true;
       return true;
@@ -81,7 +81,8 @@ bool Detach(TracedThread& thread) {
     gone = !stat || stat->state == 'Z' || stat->state == 'X';
     return gone;
   });
-  return detached && !gone;
+  if (gone) return DetachResult::kGone;
+  return detached ? DetachResult::kLetGo : DetachResult::kNotStopped;
 }
 
 void ReapEnded(const TracedThread& thread, pid_t processId, pid_t realParent) {

@@ -10,6 +10,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstdint>
 
 namespace tessmark::platform::linux_backend {
@@ -37,9 +38,15 @@ SeizeResult SeizeAndStop(TracedThread& thread);
 // missed; Detach copes.
 bool CollectStop(TracedThread& thread);
 
-// Lets the thread run on, handing back the signal it stopped for. False when the thread is not
-// in a trace stop of ours (not stopped yet, or gone).
-bool Detach(TracedThread& thread);
+enum class DetachResult {
+  kLetGo,       // it runs on
+  kGone,        // it ended
+  kNotStopped,  // its stop is still due (it sleeps uninterruptibly, or waits for a processor)
+};
+
+// Lets the thread run on, handing back the signal it stopped for. A stop still due is waited
+// for up to `wait`; a thread whose stop comes later must be let go then, or it stays stopped.
+DetachResult Detach(TracedThread& thread, std::chrono::microseconds wait);
 
 // After the thread's process ended: takes the thread's end so that the process's real parent
 // is told at once. The main thread of a child of this very process is left for the code that
