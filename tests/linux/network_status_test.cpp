@@ -1,14 +1,10 @@
-// Whether the machine is online, read from captured /sys/class/net and /proc/net route files
-// under a temporary root. The captures come from a kernel 6.x: an Ethernet interface with a
-// default route through 192.0.2.1, two interfaces that are down, and loopback.
+// Whether the machine is online: from captured kernel 6.x files, and live in the namespace.
 
 #include <gtest/gtest.h>
 
-#include <stdlib.h>
-
 #include <filesystem>
 #include <fstream>
-#include <string>
+#include <sstream>
 
 #include "linux/netns.h"
 #include "platform/linux/linux_network_status.h"
@@ -18,169 +14,74 @@ namespace {
 
 namespace fs = std::filesystem;
 
-const char kRouteHeader[] =
-    "Iface\tDestination\tGateway \tFlags\tRefCnt\tUse\tMetric\tMask\t\tMTU\tWindow\tIRTT"
-    "                                                       \n";
-const char kEth0Default[] =
-    "eth0\t00000000\t010200C0\t0003\t0\t0\t0\t00000000\t0\t0\t0"
-    "                                                                               \n";
-const char kEth0Lan[] =
-    "eth0\t000200C0\t00000000\t0001\t0\t0\t0\t00FFFFFF\t0\t0\t0"
-    "                                                                               \n";
-const char kIpv6Routes[] =
-    "fe800000000000000000000000000000 40 00000000000000000000000000000000 00 "
-    "00000000000000000000000000000000 00000100 00000002 00000000 00000001     eth0\n"
-    "00000000000000000000000000000001 80 00000000000000000000000000000000 00 "
-    "00000000000000000000000000000000 00000000 00000002 00000000 80200001       lo\n"
-    "00000000000000000000000000000000 00 00000000000000000000000000000000 00 "
-    "00000000000000000000000000000000 ffffffff 00000001 00000000 00200200       lo\n";
-const char kIpv6Default[] =
+// /proc/net/route lines: default routes (destination and mask 0, RTF_UP) and the route of
+// eth0's local network 192.0.2.0/24.
+std::string Via(const std::string& name) {
+  return name + "\t00000000\t010200C0\t0003\t0\t0\t0\t00000000\t0\t0\t0                   \n";
+}
+const std::string kOddRoutes =
+    "eth0\t0000000G\t0\t0003\neth0 00000000 010200C0 zz 0 0 0 00000000\n\nx\n" + Via("odd0");
+const std::string kLan = "eth0\t000200C0\t00000000\t0001\t0\t0\t0\t00FFFFFF\t0\t0\t0      \n";
+// A line of /proc/net/ipv6_route: a default route on eth0.
+const std::string kIpv6Default =
     "00000000000000000000000000000000 00 00000000000000000000000000000000 00 "
     "fd000000000000000000000000000001 00000400 00000002 00000000 00000003     eth0\n";
 
-class NetworkStatusFiles : public ::testing::Test {
- protected:
-  void SetUp() override {
-    char pattern[] = "/tmp/tessmark-net-XXXXXX";
-    ASSERT_NE(::mkdtemp(pattern), nullptr);
-    root_ = pattern;
-    fs::create_directories(root_ / "proc/net");
-    fs::create_directories(root_ / "sys/class/net");
-  }
-  void TearDown() override { fs::remove_all(root_); }
+// An interface: "name:type:flags:operstate:carrier", an empty one left out (one that is down
+// gives no carrier); a name alone is a plain file where an interface's folder should be.
+const char *kLo = "lo:772:0x9:unknown:1", *kEth0 = "eth0:1:0x1003:up:1",
+           *kEth0Down = "eth0:1:0x1002:down", *kOddEth0 = "eth0:one:zz:up";
 
-  // One interface's attributes; an empty carrier leaves the file out, as an interface that
-  // is administratively down gives none to read.
-  void interface(const std::string& name, const std::string& type, const std::string& flags,
-                 const std::string& operstate, const std::string& carrier) {
-    fs::path folder = root_ / "sys/class/net" / name;
-    fs::create_directories(folder);
-    std::ofstream(folder / "type") << type << "\n";
-    std::ofstream(folder / "flags") << flags << "\n";
-    std::ofstream(folder / "operstate") << operstate << "\n";
-    if (!carrier.empty()) std::ofstream(folder / "carrier") << carrier << "\n";
-  }
-  void loopback() { interface("lo", "772", "0x9", "unknown", "1"); }
-  void routes(const std::string& text) { std::ofstream(root_ / "proc/net/route") << text; }
-  void ipv6Routes(const std::string& text) { std::ofstream(root_ / "proc/net/ipv6_route") << text; }
-
-  bool connected(uint32_t& flags) {
-    return LinuxNetworkStatus(root_.string()).connectedState(flags);
-  }
-
-  fs::path root_;
+struct Case {
+  bool connected;
+  uint32_t flags;  // 1 modem, 2 LAN, 32 offline, 64 configured
+  const char* what;
+  std::vector<std::string> interfaces;
+  std::string routes, ipv6Routes = "";  // an empty text leaves its file out
 };
 
-TEST_F(NetworkStatusFiles, EthernetWithADefaultRouteIsOnlineThroughTheLan) {
-  loopback();
-  interface("eth0", "1", "0x1003", "up", "1");
-  interface("ifb0", "1", "0x82", "down", "");
-  routes(std::string(kRouteHeader) + kEth0Default + kEth0Lan);
-  ipv6Routes(kIpv6Routes);
-  uint32_t flags = 0;
-  EXPECT_TRUE(connected(flags));
-  EXPECT_EQ(flags, 2u | 64u);
-}
-
-TEST_F(NetworkStatusFiles, AWirelessDeviceIsALanToo) {
-  loopback();
-  interface("eth0", "1", "0x1002", "down", "");
-  interface("wlan0", "1", "0x1003", "up", "1");
-  routes(std::string(kRouteHeader) +
-         "wlan0\t00000000\t0101A8C0\t0003\t0\t0\t600\t00000000\t0\t0\t0\n");
-  uint32_t flags = 0;
-  EXPECT_TRUE(connected(flags));
-  EXPECT_EQ(flags, 2u | 64u);
-}
-
-TEST_F(NetworkStatusFiles, APppDeviceWithCarrierIsAModemEvenInStateUnknown) {
-  loopback();
-  interface("ppp0", "512", "0x10d1", "unknown", "1");
-  routes(std::string(kRouteHeader) +
-         "ppp0\t00000000\t00000000\t0001\t0\t0\t0\t00000000\t0\t0\t0\n");
-  uint32_t flags = 0;
-  EXPECT_TRUE(connected(flags));
-  EXPECT_EQ(flags, 1u | 64u);
-}
-
-TEST_F(NetworkStatusFiles, ATunnelCarryingTheDefaultRouteIsOnlineWithoutAKind) {
-  loopback();
-  interface("tun0", "65534", "0x1091", "unknown", "1");
-  interface("eth0", "1", "0x1003", "up", "1");
-  routes(std::string(kRouteHeader) +
-         "tun0\t00000000\t00000000\t0001\t0\t0\t0\t00000000\t0\t0\t0\n" + kEth0Lan);
-  uint32_t flags = 0;
-  EXPECT_TRUE(connected(flags));
-  EXPECT_EQ(flags, 64u);
-}
-
-TEST_F(NetworkStatusFiles, AnIpv6DefaultRouteIsAWayOutToo) {
-  loopback();
-  interface("eth0", "1", "0x1003", "up", "1");
-  routes(std::string(kRouteHeader) + kEth0Lan);
-  ipv6Routes(std::string(kIpv6Routes) + kIpv6Default);
-  uint32_t flags = 0;
-  EXPECT_TRUE(connected(flags));
-  EXPECT_EQ(flags, 2u | 64u);
-}
-
-TEST_F(NetworkStatusFiles, ConfiguredButWithoutAWayOutIsOffline) {
-  loopback();
-  interface("eth0", "1", "0x1003", "up", "1");
-  // Only the local network's route, and the kernel's unreachable IPv6 default on loopback.
-  routes(std::string(kRouteHeader) + kEth0Lan);
-  ipv6Routes(kIpv6Routes);
-  uint32_t flags = 0;
-  EXPECT_FALSE(connected(flags));
-  EXPECT_EQ(flags, 32u | 64u);
-}
-
-TEST_F(NetworkStatusFiles, ADefaultRouteOnADownInterfaceIsNoWayOut) {
-  loopback();
-  interface("eth0", "1", "0x1002", "down", "");
-  routes(std::string(kRouteHeader) + kEth0Default);
-  uint32_t flags = 0;
-  EXPECT_FALSE(connected(flags));
-  EXPECT_EQ(flags, 32u | 64u);
-}
-
-TEST_F(NetworkStatusFiles, LoopbackAloneIsNothingConfigured) {
-  loopback();
-  routes(std::string(kRouteHeader) + "lo\t00000000\t00000000\t0001\t0\t0\t0\t00000000\t0\t0\t0\n");
-  uint32_t flags = 99;
-  EXPECT_FALSE(connected(flags));
-  EXPECT_EQ(flags, 0u);
-}
-
-TEST_F(NetworkStatusFiles, MissingFilesGiveOfflineAndNothingConfigured) {
-  fs::remove_all(root_ / "sys");
-  fs::remove_all(root_ / "proc");
-  uint32_t flags = 99;
-  EXPECT_FALSE(connected(flags));
-  EXPECT_EQ(flags, 0u);
-  EXPECT_FALSE(LinuxNetworkStatus(root_.string() + "/nowhere").connectedState(flags));
-}
-
-TEST_F(NetworkStatusFiles, OddFilesAreReadAsFarAsTheyMakeSense) {
-  loopback();
-  // No type, garbage state: configured, never up.
-  fs::create_directories(root_ / "sys/class/net/odd0");
-  std::ofstream(root_ / "sys/class/net/odd0/operstate") << "\x01\x02\xff";
-  // A plain file where an interface folder should be.
-  std::ofstream(root_ / "sys/class/net/stray") << "x";
-  interface("eth0", "one", "zz", "up", "");
-  routes(std::string(kRouteHeader) + "eth0\t0000000G\t0\t0003\n" +
-         "eth0 00000000 010200C0 zz 0 0 0 00000000\n" + "\n" + "short line\n" +
-         "odd0\t00000000\t010200C0\t0003\t0\t0\t0\t00000000\t0\t0\t0\n");
-  ipv6Routes("nonsense\n00 00\n");
-  uint32_t flags = 0;
-  EXPECT_FALSE(connected(flags));
-  EXPECT_EQ(flags, 32u | 64u);
-
-  // The same eth0 with a readable default route is up and connected, but of no known kind.
-  routes(std::string(kRouteHeader) + kEth0Default);
-  EXPECT_TRUE(connected(flags));
-  EXPECT_EQ(flags, 64u);
+// Online when an interface but loopback is up and holds a default route, IPv4 or IPv6; Ethernet
+// and wireless add LAN, PPP (up by its carrier in state unknown) modem, a tunnel neither. Odd
+// files (no type, a garbage state, lines that do not read) count as far as they make sense.
+TEST(NetworkStatusFiles, OnlineWhenAnInterfaceThatIsUpHoldsADefaultRoute) {
+  const std::vector<Case> cases = {
+      {true, 2 | 64, "Ethernet", {kLo, kEth0, "ifb0:1:0x82:down"}, Via("eth0") + kLan},
+      {true, 2 | 64, "wireless", {kLo, kEth0Down, "wlan0:1:0x1003:up"}, Via("wlan0")},
+      {true, 1 | 64, "PPP", {kLo, "ppp0:512:0x10d1:unknown:1"}, Via("ppp0")},
+      {true, 64, "tunnel", {kLo, "tun0:65534:0x1091:unknown:1", kEth0}, Via("tun0") + kLan},
+      {true, 2 | 64, "IPv6", {kLo, kEth0}, kLan, kIpv6Default},
+      {false, 32 | 64, "no way out", {kLo, kEth0}, kLan},
+      {false, 32 | 64, "down", {kLo, kEth0Down}, Via("eth0")},
+      {false, 0, "loopback alone is nothing configured", {kLo}, Via("lo")},
+      {false, 0, "no files at all", {}, ""},
+      {false, 32 | 64, "odd", {kLo, "odd0:::\x01\x02\xff", "stray", kOddEth0}, kOddRoutes, "x\n"},
+      {true, 64, "odd with a way out", {kLo, kOddEth0}, Via("eth0")},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    char pattern[] = "/tmp/tessmark-net-XXXXXX";
+    ASSERT_NE(::mkdtemp(pattern), nullptr);
+    const fs::path root = pattern;
+    auto write = [](const fs::path& path, const std::string& text) {
+      fs::create_directories(path.parent_path());
+      std::ofstream(path) << text;
+    };
+    for (const std::string& interface : c.interfaces) {
+      std::istringstream in(interface);
+      std::string name, value;
+      std::getline(in, name, ':');
+      if (name == interface) write(root / "sys/class/net" / name, "x");
+      for (const char* file : {"type", "flags", "operstate", "carrier"})
+        if (std::getline(in, value, ':') && !value.empty())
+          write(root / "sys/class/net" / name / file, value + "\n");
+    }
+    if (!c.routes.empty()) write(root / "proc/net/route", c.routes);
+    if (!c.ipv6Routes.empty()) write(root / "proc/net/ipv6_route", c.ipv6Routes);
+    uint32_t flags = 99;
+    EXPECT_EQ(LinuxNetworkStatus(root.string()).connectedState(flags), c.connected);
+    EXPECT_EQ(flags, c.flags);
+    fs::remove_all(root);
+  }
 }
 
 TEST(NetworkStatusLive, APrivateNamespaceWithLoopbackOnlyIsOffline) {

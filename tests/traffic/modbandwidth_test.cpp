@@ -1,8 +1,8 @@
-// The rates from two readings of the counters: units of 1024 bytes a second over the time
-// since the last call, the start-up call that primes them, sums that wrap, a reading of 0
-// that is no reading; and the Traffic timer that hands them to the labels and the chart.
+// The traffic rates, in units of 1024 bytes a second, and the timer that shows them.
 
 #include <gtest/gtest.h>
+
+#include <array>
 
 #include "platform/sim/sim_system.h"
 #include "support/sim_engine.h"
@@ -13,23 +13,22 @@ namespace {
 
 using platform::sim::MakeIfRow;
 
+using Reading = std::array<int32_t, 4>;  // total received, total sent, rate received, sent
+
 class Bandwidth : public ::testing::Test {
  protected:
+  // The start-up's call, its results thrown away, with 1,004,000 and 204,000 bytes counted.
   void SetUp() override {
     sim.ifRows = {MakeIfRow(1, "lo", 4000, 4000), MakeIfRow(2, "eth0", 1000000, 200000)};
     sim.now = 50000;
-    prime();
+    after(0);
   }
-  // The start-up's call: its results are thrown away.
-  void prime() {
-    int32_t a = 0, b = 0, c = 0, d = 0;
-    bandwidth.CalculateBandwidth(a, b, c, d);
-  }
-  // One call `ms` after the last, with the outputs starting as the Traffic timer has them.
-  void after(uint32_t ms) {
+  // One call `ms` after the last, the totals passed in as 0 and the rates as `rates`.
+  Reading after(uint32_t ms, int32_t rates = 0) {
     sim.now += ms;
-    totalReceived = totalSent = rateReceived = rateSent = 0;
-    bandwidth.CalculateBandwidth(totalReceived, totalSent, rateReceived, rateSent);
+    Reading reading{0, 0, rates, rates};
+    bandwidth.CalculateBandwidth(reading[0], reading[1], reading[2], reading[3]);
+    return reading;
   }
   uint32_t& eth0In() { return sim.ifRows[1].dwInOctets; }
   uint32_t& eth0Out() { return sim.ifRows[1].dwOutOctets; }
@@ -37,157 +36,68 @@ class Bandwidth : public ::testing::Test {
   platform::sim::SimSystem sim;
   testing::RecordingUi ui;
   modbandwidth bandwidth{sim, sim, ui};
-  int32_t totalReceived = 0, totalSent = 0, rateReceived = 0, rateSent = 0;
 };
 
-TEST_F(Bandwidth, ThreeMillionBytesInThreeSecondsAreAThousand) {
+TEST_F(Bandwidth, ARateIsTheTrafficSinceTheLastCallRoundedHalfToEven) {
+  // 3,072,000 bytes in 3 s are 1000 units; the bytes counted before start-up are no rate.
   eth0In() += 3072000;
-  after(3000);
-  EXPECT_EQ(rateReceived, 1000);
-  EXPECT_EQ(rateSent, 0);
-  EXPECT_EQ(totalReceived, 4000 + 1000000 + 3072000);
-  EXPECT_EQ(totalSent, 4000 + 200000);
-}
-
-TEST_F(Bandwidth, TheFirstTickShowsTheTrafficSinceStartUpNotSinceBoot) {
-  // The counters held 1,004,000 bytes before the start-up's call; only what came after it
-  // is a rate.
   eth0Out() += 6144;
-  after(3000);
-  EXPECT_EQ(rateSent, 2);
-  EXPECT_EQ(rateReceived, 0);
-}
-
-TEST_F(Bandwidth, OneByteIsNoRate) {
-  eth0In() += 1;
-  after(3000);
-  EXPECT_EQ(rateReceived, 0);
-}
-
-TEST_F(Bandwidth, AFallInTheSumsGivesANegativeRateForOneTick) {
-  eth0In() += 3072000;
-  after(3000);
-  // The interface that carried the traffic goes away.
-  sim.ifRows[1].dwInOctets = 0;
-  sim.ifRows.push_back(MakeIfRow(3, "wlan0", 1000000, 200000));
-  after(3000);
-  EXPECT_EQ(rateReceived, -1000);
-  after(3000);
-  EXPECT_EQ(rateReceived, 0);
-}
-
-TEST_F(Bandwidth, HalvesRoundToTheEvenNeighbour) {
+  EXPECT_EQ(after(3000), (Reading{4076000, 210144, 1000, 2}));
   // 125 ms * 1.024 = 128: 64, 192 and 320 bytes are 0.5, 1.5 and 2.5 units.
   eth0In() += 64;
   eth0Out() += 192;
-  after(125);
-  EXPECT_EQ(rateReceived, 0);
-  EXPECT_EQ(rateSent, 2);
+  EXPECT_EQ(after(125), (Reading{4076064, 210336, 0, 2}));
   eth0In() += 320;
-  after(125);
-  EXPECT_EQ(rateReceived, 2);
-}
-
-TEST_F(Bandwidth, ASumOfExactlyZeroKeepsThePreviousTotal) {
+  EXPECT_EQ(after(125), (Reading{4076384, 210336, 2, 0}));
+  // No time elapsed leaves the rates as passed in, but the reading is taken.
   eth0In() += 3072000;
-  after(3000);
-  const int32_t received = totalReceived;
-  const int32_t sent = totalSent;
-  // A table that cannot be read sums to 0; so do counters that all read 0.
-  sim.ifTableFails = true;
-  after(3000);
-  EXPECT_EQ(totalReceived, received);
-  EXPECT_EQ(totalSent, sent);
-  EXPECT_EQ(rateReceived, 0);
-  EXPECT_EQ(rateSent, 0);
-  sim.ifTableFails = false;
-  for (auto& row : sim.ifRows) row.dwInOctets = row.dwOutOctets = 0;
-  after(3000);
-  EXPECT_EQ(totalReceived, received);
-  EXPECT_EQ(rateReceived, 0);
+  EXPECT_EQ(after(0, 77), (Reading{7148384, 210336, 77, 77}));
+  EXPECT_EQ(after(3000), (Reading{7148384, 210336, 0, 0}));
+  // The interface that carried the traffic goes away: a negative rate for one tick.
+  eth0In() = 0;
+  sim.ifRows.push_back(MakeIfRow(3, "wlan0", 4072000, 0));
+  EXPECT_EQ(after(3000), (Reading{4076000, 210336, -1000, 0}));
+  EXPECT_EQ(after(3000), (Reading{4076000, 210336, 0, 0}));
 }
 
-TEST_F(Bandwidth, NoTableShowsItsMessageAndKeepsTheTotals) {
-  sim.ifTableNotSupported = true;
+TEST_F(Bandwidth, ASumOfZeroIsNoReadingAndSumsCountersAndTicksThatWrapStillGiveTheRate) {
+  // A table that cannot be read, a system without one, counters all 0.
+  for (int step = 0; step < 3; ++step) {
+    sim.ifTableFails = step == 0;
+    sim.ifTableNotSupported = step == 1;
+    if (step == 2) {
+      for (auto& row : sim.ifRows) row.dwInOctets = row.dwOutOctets = 0;
+    }
+    EXPECT_EQ(after(3000, -9), (Reading{1004000, 204000, 0, 0})) << step;
+  }
+  // The sum (every other counter now 0) crosses from 2^31 - 256 into the negative.
+  eth0In() = 0x7FFFFF00u;
   after(3000);
-  EXPECT_EQ(totalReceived, 1004000);
-  EXPECT_EQ(rateReceived, 0);
-  ASSERT_EQ(ui.messageBoxes.size(), 1u);
-  EXPECT_EQ(ui.messageBoxes[0].text, "IP Helper is not supported by this system.");
-}
-
-TEST_F(Bandwidth, NoTimeElapsedLeavesTheRatesAsPassedIn) {
   eth0In() += 3072000;
-  int32_t total = 0, totalOut = 0, in = 77, out = -5;
-  bandwidth.CalculateBandwidth(total, totalOut, in, out);
-  EXPECT_EQ(in, 77);
-  EXPECT_EQ(out, -5);
-  // The reading itself is taken: the totals and the next rate start from it.
-  EXPECT_EQ(total, 4000 + 1000000 + 3072000);
-  after(3000);
-  EXPECT_EQ(rateReceived, 0);
-}
-
-TEST_F(Bandwidth, SumsThatWrapPast2To31StillGiveTheRightRate) {
-  // The sum crosses from 2^31 - 256 into the negative.
-  eth0In() = 0x7FFFFF00u - 4000;
-  after(3000);
-  ASSERT_EQ(totalReceived, 0x7FFFFF00);
-  eth0In() += 3072000;
-  after(3000);
-  EXPECT_LT(totalReceived, 0);
-  EXPECT_EQ(rateReceived, 1000);
-  // An interface's own 32-bit counter wraps past 2^32.
+  EXPECT_EQ(after(3000), (Reading{int32_t(0x7FFFFF00u + 3072000u), 204000, 1000, 0}));
+  // An interface's own 32-bit counter wraps past 2^32, while the clock passes 2^32.
   eth0Out() = 0xFFFFF000u;
-  after(3000);
-  eth0Out() += 3072000;  // wraps to 0x002EDC00 - 0x1000
-  after(3000);
-  EXPECT_EQ(rateSent, 1000);
-}
-
-TEST_F(Bandwidth, TheTickCountWrapsWithoutHarm) {
   sim.now = 0xFFFFFF00u;
-  prime();
-  eth0In() += 3072000;
-  after(3000);  // the clock passes 2^32
-  EXPECT_EQ(rateReceived, 1000);
+  after(0);
+  eth0Out() += 3072000;
+  EXPECT_EQ(after(3000)[3], 1000);
 }
 
-class TrafficTimer : public Bandwidth {
- protected:
-  TrendView TrendView1;
-};
-
-TEST_F(TrafficTimer, NoTrafficReadsZeroOnBothLabels) {
-  sim.now += 3000;
-  TrafficLabels labels = Traffic_Timer(bandwidth, TrendView1);
-  EXPECT_EQ(labels.lnetIn, "0 Kb/sec");
-  EXPECT_EQ(labels.lNetOut, "0 Kb/sec");
-  EXPECT_EQ(TrendView1.firstSeries(), (std::vector<float>{0, 0}));
-  EXPECT_EQ(TrendView1.secondSeries(), (std::vector<float>{0, 0}));
-}
-
-TEST_F(TrafficTimer, LabelsShowTheRateAndTheChartItsUpperLimit) {
-  eth0In() += 3072000;
-  eth0Out() += 30720;
-  sim.now += 3000;
-  TrafficLabels labels = Traffic_Timer(bandwidth, TrendView1);
-  EXPECT_EQ(labels.lnetIn, "1000 Kb/sec");
-  EXPECT_EQ(labels.lNetOut, "10 Kb/sec");
-  EXPECT_EQ(TrendView1.firstSeries().back(), 100);  // MaxValue
-  EXPECT_EQ(TrendView1.secondSeries().back(), 10);
-}
-
-TEST_F(TrafficTimer, ANegativeRateReachesTheChartAndIsRefusedThere) {
-  eth0In() += 3072000;
-  sim.now += 3000;
-  Traffic_Timer(bandwidth, TrendView1);
-  eth0In() -= 3072000;
-  sim.now += 3000;
-  TrafficLabels labels = Traffic_Timer(bandwidth, TrendView1);
-  EXPECT_EQ(labels.lnetIn, "-1000 Kb/sec");
-  EXPECT_EQ(TrendView1.firstSeries(), (std::vector<float>{0, 100}));  // that sample is missing
-  EXPECT_EQ(TrendView1.secondSeries(), (std::vector<float>{0, 0, 0}));
+TEST_F(Bandwidth, TheTrafficTimerShowsRatesOnTheLabelsAndUpToMaxValueOnTheChart) {
+  TrendView chart;
+  std::vector<std::string> labels;
+  for (uint32_t received : {1000000u, 4072000u, 1000000u}) {
+    eth0In() = received;
+    eth0Out() += 15360;
+    sim.now += 3000;
+    TrafficLabels shown = Traffic_Timer(bandwidth, chart);
+    labels.insert(labels.end(), {shown.lnetIn, shown.lNetOut});
+  }
+  EXPECT_EQ(labels, (std::vector<std::string>{"0 Kb/sec", "5 Kb/sec", "1000 Kb/sec", "5 Kb/sec",
+                                              "-1000 Kb/sec", "5 Kb/sec"}));
+  // The chart gets the rates up to its MaxValue; a negative one reaches it and is refused there.
+  EXPECT_EQ(chart.firstSeries(), (std::vector<float>{0, 0, 100}));
+  EXPECT_EQ(chart.secondSeries(), (std::vector<float>{0, 5, 5, 5}));
 }
 
 }  // namespace
