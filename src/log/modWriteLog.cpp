@@ -9,6 +9,7 @@
 #include "base/booleans.h"
 #include "base/modCompare.h"
 #include "rules/field_quoting.h"
+#include "rules/line_reader.h"
 
 namespace tessmark {
 
@@ -17,7 +18,7 @@ namespace {
 namespace fs = std::filesystem;
 
 const std::string kCrLf = "\r\n";
-const std::string kFieldSeparator = "|";
+constexpr char kFieldSeparator = '|';
 // A record's fields, counting the empty one in front of the path.
 constexpr size_t kRecordFields = 10;
 
@@ -45,7 +46,7 @@ std::string LogLine(const ConnectionRecord& record, const std::string& time,
   std::string line;
   for (size_t i = 0; i < fields.size(); ++i) {
     if (i > 0) line += kFieldSeparator;
-    line += QuoteField(fields[i], kFieldSeparator);
+    line += QuoteField(fields[i], std::string_view(&kFieldSeparator, 1));
   }
   return line;
 }
@@ -75,7 +76,7 @@ std::vector<std::string> Split(const std::string& text, const std::string& separ
 // hold exactly ten fields: such a line was not written by LogLine, and its fields cannot be
 // told apart.
 std::vector<std::string> RecordFields(const std::string& line) {
-  std::vector<std::string> fields = Split(line, kFieldSeparator);
+  std::vector<std::string> fields = SplitAt(line, kFieldSeparator);
   if (fields.size() != kRecordFields) return {};
   for (std::string& field : fields) field = UnquoteField(field);
   return fields;
