@@ -17,6 +17,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <string_view>
 #include <thread>
 
 #include "linux/netns.h"
@@ -120,11 +121,15 @@ TEST(ProcessesList, NamesEachProgramByThePathItWasStartedFrom) {
 }
 
 // The Uid line of the process's status; "" when it cannot be read.
-std::string UidLine(pid_t pid) {
+std::string StatusLine(pid_t pid, std::string_view key) {
   std::ifstream in("/proc/" + std::to_string(pid) + "/status");
   for (std::string line; std::getline(in, line);)
-    if (line.starts_with("Uid:")) return line;
+    if (line.starts_with(key)) return line;
   return "";
+}
+
+std::string UidLine(pid_t pid) {
+  return StatusLine(pid, "Uid:");
 }
 
 // The firewall's user is its real user; a process is that user's when its real, effective and
@@ -155,6 +160,10 @@ TEST(ProcessesList, KeepsToTheProcessesOfItsUser) {
     ASSERT_TRUE(WaitFor([&] {
       return UidLine(child->pid()).find(std::to_string(kUser)) != std::string::npos;
     })) << UidLine(child->pid());
+  // Until its capabilities are gone, a reader without CAP_SYS_PTRACE cannot open its exe link.
+  ASSERT_TRUE(WaitFor([&] {
+    return StatusLine(mine.pid(), "CapEff:").find_first_not_of("0\t", 7) == std::string::npos;
+  })) << StatusLine(mine.pid(), "CapEff:");
 
   const std::string self = ExeText(getpid());
   auto expectOnly = [&](const char* what, LinuxProcesses processes,
