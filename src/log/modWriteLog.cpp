@@ -6,6 +6,7 @@
 #include <string_view>
 #include <system_error>
 
+#include "base/address_text.h"
 #include "base/booleans.h"
 #include "base/modCompare.h"
 #include "rules/field_quoting.h"
@@ -215,6 +216,8 @@ void modWriteLog::SearchLog(int16_t& maxLines, std::string& searchText, std::str
 
 void modWriteLog::FillListView2(int16_t& maxLines, std::string& searchText, std::string& ipText) {
   ListView2.Clear();
+  // "[::1]" and "::ffff:10.0.0.1" find the "::1" and "10.0.0.1" the log holds.
+  std::string ipFilter = AddressFilterText(ipText);
   std::string text = ReadLastLogLines(maxLines);
   if (text.empty()) return;
   const std::vector<std::string> pieces = Split(text, kCrLf);
@@ -234,7 +237,7 @@ void modWriteLog::FillListView2(int16_t& maxLines, std::string& searchText, std:
     std::vector<std::string> fields = RecordFields(piece);
     if (fields.empty()) continue;
     // The filters look at the path and remote address as they were, not as quoted.
-    if (InstrString(fields[1], searchText) == kFalse || InstrString(fields[5], ipText) == kFalse)
+    if (InstrString(fields[1], searchText) == kFalse || InstrString(fields[5], ipFilter) == kFalse)
       continue;
     AddResultRow(ListView2, fields);
   }

@@ -28,6 +28,14 @@ double leadingNumber(const std::string& text) {
   return value;
 }
 
+// Whether a record's remote side is a peer worth showing. IPv4: a dotted address whose first
+// number is not 0. IPv6: any address but the unspecified "::", so that a link-local or
+// unique-local peer ("fe80::1", "fd00::2"), which begins with a letter, counts too.
+bool hasRealPeer(const std::string& remote) {
+  if (remote.find(':') != std::string::npos) return remote != "::";
+  return leadingNumber(remote) != 0 && remote != "0.0.0.0";
+}
+
 void showRecord(ConnectionListRow& row, const ConnectionRecord& record) {
   row.SubItems[1] = record.LocalAddress;
   row.SubItems[2] = record.RemoteAddress;
@@ -51,8 +59,10 @@ void frmThread::displayPass(Side& side, int16_t showAll) {
   ConnectionTable& table = side.table;
   const int32_t last = LastTableIndex(table);
   for (int32_t i = 0; i <= last; ++i) {
+    // An IPv6 row has no remote side the IPv4 way: a UDP one shows the unspecified "::".
+    const bool ipv6 = table[i].LocalAddress.find(':') != std::string::npos;
     if (table[i].LocalAddress.empty()) table[i].LocalAddress = "0.0.0.0";
-    if (table[i].RemoteAddress.empty()) table[i].RemoteAddress = "0.0.0.0";
+    if (table[i].RemoteAddress.empty()) table[i].RemoteAddress = ipv6 ? "::" : "0.0.0.0";
   }
   // The TCP pass starts the list afresh; the UDP pass adds to what it left.
   if (side.tcp) {
@@ -78,8 +88,7 @@ void frmThread::displayPass(Side& side, int16_t showAll) {
         ConnectionListRow& row = ConnectionList[found->second];
         if (side.tcp) {
           // A row shows the last record walked that has a real peer.
-          if (leadingNumber(record.RemoteAddress) != 0 && record.RemoteAddress != "0.0.0.0")
-            showRecord(row, record);
+          if (hasRealPeer(record.RemoteAddress)) showRecord(row, record);
         } else if (!EqualIgnoringCase(row.SubItems[6], "Udp")) {
           row.SubItems[6] = "Tcp | Udp";
           showRecord(row, record);

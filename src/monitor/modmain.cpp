@@ -4,15 +4,16 @@
 #include <cmath>
 #include <cstring>
 
+#include "base/address_text.h"
 #include "base/booleans.h"
 
 namespace tessmark {
 
-uint32_t modmain::probeCount(std::optional<uint32_t> rows) {
+uint32_t modmain::probeCount(std::optional<platform::RowCounts> rows) {
   // The buffer is zeroed before the call; a table larger than the buffer leaves it so, and a
-  // failed call is not examined either.
-  if (!rows || *rows > kProbeRows) return 0;
-  return *rows;
+  // failed call is not examined either. Both families share the one buffer.
+  if (!rows || rows->total() > kProbeRows) return 0;
+  return rows->total();
 }
 
 namespace {
@@ -23,6 +24,15 @@ bool countChanged(uint32_t dwNumEntries, int16_t& lastCount) {
   bool equal = static_cast<int32_t>(dwNumEntries) == static_cast<int32_t>(lastCount);
   lastCount = static_cast<int16_t>(dwNumEntries);
   return !equal;
+}
+
+// True when the rows moved from one family to the other while their sum stayed: one IPv4
+// socket closed as an IPv6 one opened. Unknown counts change nothing, as above.
+bool familiesChanged(std::optional<platform::RowCounts> rows, std::optional<uint32_t>& lastIpv6) {
+  if (!rows) return false;
+  bool changed = lastIpv6.has_value() && rows->ipv6 != *lastIpv6;
+  lastIpv6 = rows->ipv6;
+  return changed;
 }
 
 // True when the system opened a TCP connection since the last poll. A count that cannot be
@@ -44,9 +54,10 @@ ConnectionRecord& slotFor(ConnectionTable& local, uint32_t i, bool allRows) {
   return local[index];
 }
 
-bool isFilteredOut(uint32_t localAddr) {
-  std::string text = GetIpFromLong(localAddr);
-  return text == "0.0.0.0" || text == "127.0.0.1";
+// The filtered mode passes over the unspecified and the loopback address; its IPv6 rows are
+// judged by the same two literals, so none of them is passed over.
+bool isFilteredOut(const std::string& localAddress) {
+  return localAddress == "0.0.0.0" || localAddress == "127.0.0.1";
 }
 
 }  // namespace
@@ -55,7 +66,9 @@ int16_t modmain::GetTCPConnections(int16_t allRows, int16_t force) {
   if (force == kFalse) {
     // Both are read on every poll, so neither stored value goes stale. The opens are read
     // before the table: a connection opened after this read moves them again next poll.
-    bool counted = countChanged(probeCount(system_.tables().tcpRowCount()), LastTcpCount);
+    std::optional<platform::RowCounts> rows = system_.tables().tcpRowCount();
+    bool counted = countChanged(probeCount(rows), LastTcpCount);
+    counted = familiesChanged(rows, LastTcp6Count) || counted;
     bool opened = opensChanged(system_.tables().tcpOpenCount(), LastTcpOpens);
     if (!counted && !opened) return kFalse;
   }
@@ -71,14 +84,14 @@ int16_t modmain::GetTCPConnections(int16_t allRows, int16_t force) {
   for (uint32_t i = 0; i < count; ++i) {
     CooperativeYield(pump_);
     const platform::TcpOwnerRow& row = (*block)[i];
-    if (!unfiltered && isFilteredOut(row.row.dwLocalAddr)) continue;
+    if (!unfiltered && isFilteredOut(LocalAddressText(row.row))) continue;
     ConnectionRecord& record = slotFor(local, i, unfiltered);
     record.LocalPort = GetTcpPortNumber(static_cast<int32_t>(row.row.dwLocalPort));
     record.ProcessId = static_cast<int32_t>(row.dwProcessId);
     record.ProcessPath = procs_.ProcessPathFromId(record.ProcessId);
     record.RemotePort = GetTcpPortNumber(static_cast<int32_t>(row.row.dwRemotePort));
-    record.LocalAddress = GetIpFromLong(row.row.dwLocalAddr);
-    record.RemoteAddress = GetIpFromLong(row.row.dwRemoteAddr);
+    record.LocalAddress = LocalAddressText(row.row);
+    record.RemoteAddress = RemoteAddressText(row.row);
     record.State = GetState(static_cast<int32_t>(row.row.dwState));
     record.AllRows = unfiltered ? kTrue : kFalse;
     record.Row = row.row;
@@ -90,8 +103,10 @@ int16_t modmain::GetTCPConnections(int16_t allRows, int16_t force) {
 }
 
 int16_t modmain::GetUDPConnections(int16_t allRows, int16_t force) {
-  if (force == kFalse && !countChanged(probeCount(system_.tables().udpRowCount()), LastUdpCount)) {
-    return kFalse;
+  if (force == kFalse) {
+    std::optional<platform::RowCounts> rows = system_.tables().udpRowCount();
+    bool counted = countChanged(probeCount(rows), LastUdpCount);
+    if (!familiesChanged(rows, LastUdp6Count) && !counted) return kFalse;
   }
   auto block = system_.tables().udpTable();
   if (!block) return kFalse;
@@ -104,12 +119,12 @@ int16_t modmain::GetUDPConnections(int16_t allRows, int16_t force) {
   for (uint32_t i = 0; i < count; ++i) {
     CooperativeYield(pump_);
     const platform::UdpOwnerRow& row = (*block)[i];
-    if (!unfiltered && isFilteredOut(row.dwLocalAddr)) continue;
+    if (!unfiltered && isFilteredOut(LocalAddressText(row))) continue;
     ConnectionRecord& record = slotFor(local, i, unfiltered);
     record.LocalPort = GetTcpPortNumber(static_cast<int32_t>(row.dwLocalPort));
     record.ProcessId = static_cast<int32_t>(row.dwProcessId);
     record.ProcessPath = procs_.ProcessPathFromId(record.ProcessId);
-    record.LocalAddress = GetIpFromLong(row.dwLocalAddr);
+    record.LocalAddress = LocalAddressText(row);
     record.State = "LISTEN";
     record.AllRows = kFalse;
   }
@@ -122,8 +137,9 @@ int16_t modmain::CloseConnection(MIB_TCPROW& row, int32_t&, int32_t& port, std::
   row.dwState = MIB_TCP_STATE_DELETE_TCB;
   if (system_.tables().deleteTcpRow(row) != 0) return kFalse;
   LastTcpCount = static_cast<int16_t>(LastTcpCount - 1);
+  if (row.ipv6 && LastTcp6Count.value_or(0) > 0) LastTcp6Count = *LastTcp6Count - 1;
   if (port != 0 && closedPortListener != nullptr)
-    closedPortListener->portClosed(port, name, GetIpFromLong(row.dwRemoteAddr));
+    closedPortListener->portClosed(port, name, RemoteAddressText(row));
   return kTrue;
 }
 

@@ -1,9 +1,10 @@
 #pragma once
 // modmain, the snapshot side: cheap probes of the two connection tables' row counts, and
 // full reads with owners into TcpConnections and UdpConnections when a count has changed.
-// No previous table is kept: a table has changed when its row count differs from the last
-// probe's, or, for TCP, when the system opened a connection since the last probe: a program
-// that closes one socket as it opens a connection leaves the count where it was.
+// No previous table is kept: a table has changed when its row count (IPv4 and IPv6 rows
+// together) or the count of its IPv6 rows differs from the last probe's, or, for TCP, when
+// the system opened a connection since the last probe: a program that closes one socket as it
+// opens a connection leaves the counts where they were.
 
 #include <cstdint>
 #include <optional>
@@ -51,6 +52,10 @@ class modmain final : public ConnectionBreaker {
   ConnectionTable UdpConnections;
   int16_t LastTcpCount = 0;
   int16_t LastUdpCount = 0;
+  // The IPv6 rows among the counts of the last probe that could read them; none before the
+  // first. A change here with the sum unchanged is a change of the table too.
+  std::optional<uint32_t> LastTcp6Count;
+  std::optional<uint32_t> LastUdp6Count;
   // The system's count of opened TCP connections at the last poll that could read it; none
   // before the first. The first value read is where counting starts, not a change.
   std::optional<uint32_t> LastTcpOpens;
@@ -67,7 +72,7 @@ class modmain final : public ConnectionBreaker {
 
  private:
   // The probe's dwNumEntries as the fixed buffer would hold it.
-  static uint32_t probeCount(std::optional<uint32_t> rows);
+  static uint32_t probeCount(std::optional<platform::RowCounts> rows);
 
   platform::Platform& system_;
   modprocs& procs_;

@@ -13,6 +13,9 @@
 
 namespace tessmark::platform {
 
+// An IPv6 address: its sixteen bytes in network order, as they lie in memory.
+using Ipv6Address = std::array<uint8_t, 16>;
+
 // One TCP row exactly as the system's table gives it. Addresses are four bytes in network
 // order as they lie in memory; a port holds its two bytes in network order in the low 16 bits
 // (port 80 reads 0x5000 on a little-endian machine). The row is handed back unchanged to
@@ -23,6 +26,12 @@ struct TcpRow {
   uint32_t dwLocalPort = 0;
   uint32_t dwRemoteAddr = 0;
   uint32_t dwRemotePort = 0;
+  // A row of the IPv6 table: its addresses are the two below, and dwLocalAddr and dwRemoteAddr
+  // stay 0. An IPv6 socket that talks to an IPv4 peer holds ::ffff:a.b.c.d; it stays an IPv6
+  // row, since the system deletes it only as one.
+  bool ipv6 = false;
+  Ipv6Address ucLocalAddr{};
+  Ipv6Address ucRemoteAddr{};
   friend bool operator==(const TcpRow&, const TcpRow&) = default;
 };
 
@@ -38,17 +47,28 @@ struct UdpOwnerRow {
   uint32_t dwLocalAddr = 0;
   uint32_t dwLocalPort = 0;
   uint32_t dwProcessId = 0;
+  bool ipv6 = false;  // as in TcpRow: the address is then ucLocalAddr, dwLocalAddr stays 0
+  Ipv6Address ucLocalAddr{};
 };
 
-// The TCP and UDP connection tables of the IPv4 stack.
+// The rows a table holds, by address family.
+struct RowCounts {
+  uint32_t ipv4 = 0;
+  uint32_t ipv6 = 0;
+  uint32_t total() const { return ipv4 + ipv6; }
+  friend bool operator==(const RowCounts&, const RowCounts&) = default;
+};
+
+// The TCP and UDP connection tables of the IPv4 and the IPv6 stack, as one table per protocol.
 class ConnectionTables {
  public:
   virtual ~ConnectionTables() = default;
 
-  // The number of rows the full table would have right now, at the lowest cost the system
-  // offers: this runs on every poll. nullopt when the count cannot be had.
-  virtual std::optional<uint32_t> tcpRowCount() = 0;
-  virtual std::optional<uint32_t> udpRowCount() = 0;
+  // The number of rows of each family the full table would have right now, at the lowest
+  // cost the system offers: this runs on every poll. nullopt when the count cannot be had; a
+  // system without IPv6 counts 0 IPv6 rows.
+  virtual std::optional<RowCounts> tcpRowCount() = 0;
+  virtual std::optional<RowCounts> udpRowCount() = 0;
 
   // How many TCP connections the system has opened so far, by any program's connect() and by
   // any listener taking one in: a counter that only grows (wrapping at 2^32), which a closed
@@ -56,14 +76,15 @@ class ConnectionTables {
   // count stays where it was. As cheap as the counts above; nullopt when it is unknown.
   virtual std::optional<uint32_t> tcpOpenCount() = 0;
 
-  // The full tables with owner ids, in the system's order: on a real system sorted by local
-  // address, local port, remote address and remote port, each as a number. Their rows are
-  // exactly what the counts above count. nullopt when the source failed.
+  // The full tables with owner ids, in the system's order: the IPv4 rows first, then the IPv6
+  // rows, each family sorted by local address, local port, remote address and remote port, each
+  // as a number. Their rows are exactly what the counts above count. nullopt when the source
+  // failed.
   virtual std::optional<std::vector<TcpOwnerRow>> tcpTable() = 0;
   virtual std::optional<std::vector<UdpOwnerRow>> udpTable() = 0;
 
-  // Deletes the connection of this row (the delete-TCB effect): 0 on success, otherwise a
-  // system error number.
+  // Deletes the connection of this row (the delete-TCB effect), of either family: 0 on
+  // success, otherwise a system error number.
   virtual uint32_t deleteTcpRow(const TcpRow& row) = 0;
 };
 
@@ -228,6 +249,12 @@ class Files {
 
 // The files of the system the firewall is built for, given by its backend.
 Files& SystemFiles();
+
+// The host name the name service gives for an address of either family, written as the
+// connection list shows it ("93.184.216.34", "2001:db8::1", "::ffff:10.0.0.1"). A text that
+// is no address, or an address without a name, comes back as it is. Blocks for as long as the
+// name service takes, so never on the engine's thread or in a window's paint.
+std::string GetHostNameFromIP(const std::string& ip);
 
 // The folders the system names for this user and this program.
 class Folders {

@@ -256,6 +256,71 @@ TEST_F(Monitor, TheListShowsOneRowPerProgramAndUnderTheLockEachTickBreaksEveryRo
   EXPECT_EQ(ui.connectionListUpdates, 4);
 }
 
+TEST_F(Monitor, TheSameProgramsOverIpv6AreRefusedAskedListedAndLockedOutAsOverIpv4) {
+  rule(appPath, kApp, "deny");
+  tcp6(42, 3000, 443);
+  // A program new to the firewall that reaches an IPv4 server through an IPv6 socket.
+  tcp6(43, 4000, 80, "::ffff:93.184.216.34", "::ffff:192.168.1.20");
+  udp(43, 5353, "fe80::1:2");
+  monitor.firewall();
+
+  // The refused connection is broken as the IPv6 row it is, and logged in the compressed form.
+  ASSERT_EQ(sim.deletedRows.size(), 1u);
+  EXPECT_TRUE(sim.deletedRows[0].ipv6);
+  EXPECT_EQ(sim.deletedRows[0].ucRemoteAddr, platform::sim::RawIpv6Address("2001:db8::80"));
+  EXPECT_EQ(logLines(),
+            Cells{"|" + appPath + "|42|12:00:01|2001:db8::20|2001:db8::80|3000|443|ESTAB|n"});
+  // The new program stands frozen, asked with the IPv4 addresses its socket carries.
+  ASSERT_EQ(ui.alertsShown.size(), 1u);
+  const AlertView view = ui.alertsShown[0].view;
+  EXPECT_EQ(std::tie(view.raddr, view.rport, view.Label2, view.localport),
+            std::tuple("93.184.216.34", "80", "192.168.1.20", "4000"));
+  EXPECT_EQ(sim.suspensionDepth(43), 2);  // its TCP row and its UDP endpoint
+
+  // Listed one per connection with both forms; the UDP endpoint has the unspecified peer.
+  monitor.NewtcpCon(kTrue, kTrue);
+  monitor.NewUdpCon(kTrue, kTrue);
+  std::vector<Cells> listed;
+  for (const ConnectionListRow& r : ui.connectionList)
+    listed.push_back({r.SubItems[1], r.SubItems[2], r.SubItems[6]});
+  EXPECT_EQ(listed, (std::vector<Cells>{{"192.168.1.20", "93.184.216.34", "tcp"},
+                                        {"fe80::1:2", "::", "Udp"}}));
+  // One row per program shows the last record walked with a peer: a link-local one counts.
+  sim.tcpRows.insert(sim.tcpRows.begin(),
+                     platform::sim::MakeTcpRow(5, "fe80::1:2", 4001, "fe80::9", 22, 43));
+  monitor.NewtcpCon(kTrue, kFalse);
+  ASSERT_EQ(ui.connectionList.size(), 1u);
+  EXPECT_EQ(ui.connectionList[0].SubItems[2], "fe80::9");
+
+  // The lock breaks every IPv6 TCP row; the UDP endpoint stays unbreakable.
+  monitor.AlertForm(1).Command1_Click();
+  main.InternetLocked = kTrue;
+  sim.deletedRows.clear();
+  tcp6(42, 3001, 443);
+  monitor.firewall();
+  EXPECT_EQ(sim.deletedRows.size(), 3u);
+  EXPECT_TRUE(std::ranges::all_of(sim.deletedRows, &platform::TcpRow::ipv6));
+}
+
+TEST_F(Monitor, ARowThatMovesFromOneFamilyToTheOtherIsAChangeThoughTheSumStays) {
+  udp(43, 5353);
+  ASSERT_EQ(main.GetUDPConnections(kTrue, kFalse), kTrue);
+  // One IPv4 endpoint closed as an IPv6 one opened: the count of rows is still 1.
+  sim.udpRows = {platform::sim::MakeUdpRow("::", 5353, 43)};
+  EXPECT_EQ(main.GetUDPConnections(kTrue, kFalse), kTrue);
+  EXPECT_EQ(main.UdpConnections[0].LocalAddress, "::");
+  EXPECT_EQ(main.GetUDPConnections(kTrue, kFalse), kFalse);
+  // A broken IPv6 row lowers its family's count with the sum, so the next poll stays quiet.
+  tcp6(43, 4000);
+  ASSERT_EQ(poll(), kTrue);
+  int32_t pid = 43, port = 0;
+  std::string name;
+  ASSERT_EQ(main.CloseConnection(main.TcpConnections[0].Row, pid, port, name), kTrue);
+  sim.calls = {};
+  EXPECT_EQ(poll(), kFalse);
+  EXPECT_EQ(sim.calls.tcpTableReads, 0);
+}
+
 TEST_F(Monitor, UdpEndpointsAreJudgedByTheOwnersOfTheLastTcpSnapshot) {
   rule(appPath, kApp, "deny");
   udp(43, 5353);  // no TCP snapshot has named pid 43 yet: the endpoint waits

@@ -3,6 +3,11 @@
 
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
+
+#include <array>
+
+#include "base/address_text.h"
 #include "base/booleans.h"
 #include "base/modCompare.h"
 #include "monitor/modNetStat.h"
@@ -25,6 +30,31 @@ TEST(Converters, PortsSwapInFloatingPointAddressesJoinInNetworkOrderStatesHaveNa
   EXPECT_EQ(states,
             "LISTEN LISTEN CLOSED LISTEN SYN_SENT SYN_RCVD ESTAB FIN_WAIT1 FIN_WAIT2 CLOSE_WAIT "
             "CLOSING LAST_ACK TIME_WAIT DELETE_TCB LISTEN ");
+}
+
+TEST(Converters, Ipv6AddressesReadInTheirShortestFormAndIpv4OnesCarriedAsIpv6AsDotted) {
+  // The system's own text form is the known answer; ::ffff:a.b.c.d is the one exception.
+  for (const char* text : {"::", "::1", "2001:db8::1", "2001:db8:0:0:1:0:0:1", "fe80::1:2",
+                           "2001:0:0:1::1", "1::", "::2:3:4:5:6:7:8", "1:2:3:4:5:6:7:8",
+                           "2001:db8:0:1:1:1:1:1", "::ffff:0:1.2.3.4", "FF02::FB", "::1.2.3.4"}) {
+    platform::Ipv6Address raw{};
+    ASSERT_EQ(inet_pton(AF_INET6, text, raw.data()), 1) << text;
+    std::array<char, INET6_ADDRSTRLEN> expected{};
+    inet_ntop(AF_INET6, raw.data(), expected.data(), expected.size());
+    // The C library writes a trailing 32 bits as dotted for ::a.b.c.d; the log keeps hex.
+    std::string known = expected.data();
+    if (known == "::1.2.3.4") known = "::102:304";
+    EXPECT_EQ(Ipv6Text(raw), known) << text;
+  }
+  EXPECT_EQ(Ipv6Text(platform::sim::RawIpv6Address("::ffff:93.184.216.34")), "93.184.216.34");
+  // A typed filter finds the form the log holds.
+  const std::pair<const char*, const char*> filters[] = {{"[::1]", "::1"},
+                                                         {"::FFFF:10.0.0.1", "10.0.0.1"},
+                                                         {"::ffff:a00:1", "::ffff:a00:1"},
+                                                         {"10.0", "10.0"},
+                                                         {"[", "["},
+                                                         {"", ""}};
+  for (auto [typed, sought] : filters) EXPECT_EQ(AddressFilterText(typed), sought) << typed;
 }
 
 TEST(NetStat, OnlineIsTheSystemsAnswerAndEachFlagAddsItsSentenceInItsOwnOrder) {

@@ -90,6 +90,13 @@ struct SimMonitor {
     sim.tcpRows.push_back(platform::sim::MakeTcpRow(state, "192.168.1.20", localPort, remote,
                                                     remotePort, static_cast<uint32_t>(pid)));
   }
+  // The same over IPv6; an address written ::ffff:a.b.c.d is an IPv4 peer of an IPv6 socket.
+  void tcp6(int32_t pid, uint16_t localPort, uint16_t remotePort = 80,
+            const std::string& remote = "2001:db8::80", const std::string& local = "2001:db8::20",
+            uint32_t state = 5) {
+    sim.tcpRows.push_back(platform::sim::MakeTcpRow(state, local, localPort, remote, remotePort,
+                                                    static_cast<uint32_t>(pid)));
+  }
   void udp(int32_t pid, uint16_t localPort, const std::string& local = "0.0.0.0") {
     sim.udpRows.push_back(platform::sim::MakeUdpRow(local, localPort, static_cast<uint32_t>(pid)));
   }

@@ -5,8 +5,9 @@
 #include <netinet/tcp.h>
 
 #include <algorithm>
+#include <cstring>
+#include <map>
 #include <tuple>
-#include <unordered_map>
 #include <utility>
 
 namespace tessmark::platform::linux_backend {
@@ -38,9 +39,34 @@ bool CountedBySockstat(const ProcNetRow& row) {
   return (kCountedTcpStates & TcpStateBit(row.state)) != 0;
 }
 
-TcpRow RowOf(uint8_t state, uint32_t localAddr, uint32_t localPort, uint32_t remoteAddr,
-             uint32_t remotePort) {
-  return TcpRow{TableStateFromKernel(state), localAddr, localPort, remoteAddr, remotePort};
+// A row from a socket of the dump or a line of /proc/net, which name their fields alike.
+template <typename Source>
+TcpRow RowOf(const Source& s) {
+  TcpRow row;
+  row.dwState = TableStateFromKernel(s.state);
+  row.dwLocalPort = s.localPort;
+  row.dwRemotePort = s.remotePort;
+  row.ipv6 = s.ipv6;
+  if (s.ipv6) {
+    row.ucLocalAddr = s.localAddr6;
+    row.ucRemoteAddr = s.remoteAddr6;
+  } else {
+    row.dwLocalAddr = s.localAddr;
+    row.dwRemoteAddr = s.remoteAddr;
+  }
+  return row;
+}
+
+template <typename Source>
+UdpOwnerRow UdpRowOf(const Source& s) {
+  UdpOwnerRow row;
+  row.dwLocalPort = s.localPort;
+  row.ipv6 = s.ipv6;
+  if (s.ipv6)
+    row.ucLocalAddr = s.localAddr6;
+  else
+    row.dwLocalAddr = s.localAddr;
+  return row;
 }
 
 // The table's state numbers of the rows below.
@@ -49,14 +75,22 @@ constexpr uint32_t kRowSynReceived = 4;
 constexpr uint32_t kRowEstablished = 5;
 constexpr uint32_t kRowCloseWait = 8;
 
-uint64_t EndpointKey(uint32_t addr, uint32_t port) {
-  return static_cast<uint64_t>(addr) << 32 | port;
+// A listener's local end with its family: the IPv4 address fills the first four bytes. The
+// wildcard of either family (0.0.0.0, [::]) is all zero bytes.
+using ListenerKey = std::tuple<bool, Ipv6Address, uint32_t>;
+
+ListenerKey LocalEndOf(const TcpRow& row) {
+  Ipv6Address address = row.ucLocalAddr;
+  if (!row.ipv6) std::memcpy(address.data(), &row.dwLocalAddr, sizeof row.dwLocalAddr);
+  return {row.ipv6, address, row.dwLocalPort};
 }
 
 // A connection whose handshake is done but that no accept() has taken yet has no file, so no
-// inode. It is the listening program's: the listener on its exact local address, else the one
-// on 0.0.0.0 with its port. A socket its program closed has no inode either, but it is past
-// these states by then.
+// inode. It is the listening program's: the listener of its family on its exact local address,
+// else the one on the family's wildcard (0.0.0.0, [::]) with its port. The child a dual-stack
+// listener took in from an IPv4 client is an IPv6 socket on ::ffff:a.b.c.d, so its listener is
+// the one on [::]. A socket its program closed has no inode either, but it is past these states
+// by then.
 void CreditQueuedToListeners(std::vector<TcpOwnerRow>& rows, const std::vector<uint64_t>& inodes) {
   auto queued = [&](size_t i) {
     uint32_t state = rows[i].row.dwState;
@@ -68,42 +102,66 @@ void CreditQueuedToListeners(std::vector<TcpOwnerRow>& rows, const std::vector<u
   if (!any) return;
   // Listeners sharing an address and port (SO_REUSEPORT) give the lowest known pid, so the
   // owner does not depend on the kernel's order.
-  std::unordered_map<uint64_t, uint32_t> listeners;
+  std::map<ListenerKey, uint32_t> listeners;
   for (const TcpOwnerRow& r : rows) {
     if (r.row.dwState != kRowListen) continue;
-    auto [it, added] =
-        listeners.try_emplace(EndpointKey(r.row.dwLocalAddr, r.row.dwLocalPort), r.dwProcessId);
+    auto [it, added] = listeners.try_emplace(LocalEndOf(r.row), r.dwProcessId);
     if (it->second == 0 || (r.dwProcessId != 0 && r.dwProcessId < it->second))
       it->second = r.dwProcessId;
   }
   for (size_t i = 0; i < rows.size(); ++i) {
     if (!queued(i)) continue;
-    TcpRow& row = rows[i].row;
-    auto it = listeners.find(EndpointKey(row.dwLocalAddr, row.dwLocalPort));
-    if (it == listeners.end()) it = listeners.find(EndpointKey(INADDR_ANY, row.dwLocalPort));
+    ListenerKey local = LocalEndOf(rows[i].row);
+    auto it = listeners.find(local);
+    if (it == listeners.end()) {
+      std::get<Ipv6Address>(local).fill(0);
+      it = listeners.find(local);
+    }
     if (it != listeners.end()) rows[i].dwProcessId = it->second;
   }
 }
 
 // Addresses and ports compare as the numbers they stand for, not as their raw network-order
-// words; the rows keep their raw values.
-auto NumericKey(uint32_t addr, uint32_t port) {
-  return std::pair(ntohl(addr), ntohs(static_cast<uint16_t>(port)));
+// words; the rows keep their raw values. An IPv6 address is a 128-bit number whose bytes lie
+// most significant first, so its bytes compare in order. Both rows are of one family.
+int CompareAddresses(bool ipv6, uint32_t a, const Ipv6Address& a6, uint32_t b,
+                     const Ipv6Address& b6) {
+  if (ipv6) return std::memcmp(a6.data(), b6.data(), a6.size());
+  uint32_t x = ntohl(a), y = ntohl(b);
+  return x < y ? -1 : x > y ? 1 : 0;
+}
+
+int ComparePorts(uint32_t a, uint32_t b) {
+  uint16_t x = ntohs(static_cast<uint16_t>(a)), y = ntohs(static_cast<uint16_t>(b));
+  return x < y ? -1 : x > y ? 1 : 0;
+}
+
+// The IPv4 rows before the IPv6 rows, then the numbers.
+bool Before(const TcpRow& a, const TcpRow& b) {
+  if (a.ipv6 != b.ipv6) return !a.ipv6;
+  int c = CompareAddresses(a.ipv6, a.dwLocalAddr, a.ucLocalAddr, b.dwLocalAddr, b.ucLocalAddr);
+  if (c == 0) c = ComparePorts(a.dwLocalPort, b.dwLocalPort);
+  if (c == 0)
+    c = CompareAddresses(a.ipv6, a.dwRemoteAddr, a.ucRemoteAddr, b.dwRemoteAddr, b.ucRemoteAddr);
+  if (c == 0) c = ComparePorts(a.dwRemotePort, b.dwRemotePort);
+  return c < 0;
+}
+
+bool Before(const UdpOwnerRow& a, const UdpOwnerRow& b) {
+  if (a.ipv6 != b.ipv6) return !a.ipv6;
+  int c = CompareAddresses(a.ipv6, a.dwLocalAddr, a.ucLocalAddr, b.dwLocalAddr, b.ucLocalAddr);
+  if (c == 0) c = ComparePorts(a.dwLocalPort, b.dwLocalPort);
+  return c < 0;
 }
 
 void SortTable(std::vector<TcpOwnerRow>& rows) {
-  std::stable_sort(rows.begin(), rows.end(), [](const TcpOwnerRow& a, const TcpOwnerRow& b) {
-    return std::tuple(NumericKey(a.row.dwLocalAddr, a.row.dwLocalPort),
-                      NumericKey(a.row.dwRemoteAddr, a.row.dwRemotePort)) <
-           std::tuple(NumericKey(b.row.dwLocalAddr, b.row.dwLocalPort),
-                      NumericKey(b.row.dwRemoteAddr, b.row.dwRemotePort));
-  });
+  std::stable_sort(rows.begin(), rows.end(),
+                   [](const TcpOwnerRow& a, const TcpOwnerRow& b) { return Before(a.row, b.row); });
 }
 
 void SortTable(std::vector<UdpOwnerRow>& rows) {
-  std::stable_sort(rows.begin(), rows.end(), [](const UdpOwnerRow& a, const UdpOwnerRow& b) {
-    return NumericKey(a.dwLocalAddr, a.dwLocalPort) < NumericKey(b.dwLocalAddr, b.dwLocalPort);
-  });
+  std::stable_sort(rows.begin(), rows.end(),
+                   [](const UdpOwnerRow& a, const UdpOwnerRow& b) { return Before(a, b); });
 }
 
 }  // namespace
@@ -144,21 +202,21 @@ LinuxConnectionTables::LinuxConnectionTables(std::string procRoot, TableSource s
       probe_(procRoot_),
       owners_(procRoot_, ownerSignal) {}
 
-// One read of sockstat gives both counts; a poll asks for the TCP count first and the UDP
-// count next, so the UDP count of that read is kept for the next question. A UDP change after
-// the read is seen by the following poll.
-std::optional<uint32_t> LinuxConnectionTables::tcpRowCount() {
+// One read of the sockstat files gives both counts; a poll asks for the TCP count first and the
+// UDP count next, so the UDP count of that read is kept for the next question. A UDP change
+// after the read is seen by the following poll.
+std::optional<RowCounts> LinuxConnectionTables::tcpRowCount() {
   auto counts = probe_.read();
   if (!counts) return std::nullopt;
-  keptUdpCount_ = counts->udpInUse;
-  return counts->tcpInUse;
+  keptUdpCount_ = RowCounts{counts->ipv4.udpInUse, counts->ipv6.udpInUse};
+  return RowCounts{counts->ipv4.tcpInUse, counts->ipv6.tcpInUse};
 }
 
-std::optional<uint32_t> LinuxConnectionTables::udpRowCount() {
-  if (std::optional<uint32_t> kept = std::exchange(keptUdpCount_, std::nullopt)) return kept;
+std::optional<RowCounts> LinuxConnectionTables::udpRowCount() {
+  if (std::optional<RowCounts> kept = std::exchange(keptUdpCount_, std::nullopt)) return kept;
   auto counts = probe_.read();
   if (!counts) return std::nullopt;
-  return counts->udpInUse;
+  return RowCounts{counts->ipv4.udpInUse, counts->ipv6.udpInUse};
 }
 
 std::optional<uint32_t> LinuxConnectionTables::tcpOpenCount() {
@@ -168,31 +226,59 @@ std::optional<uint32_t> LinuxConnectionTables::tcpOpenCount() {
   return static_cast<uint32_t>(opens->activeOpens + opens->passiveOpens);
 }
 
+bool LinuxConnectionTables::readTcp(bool ipv6, std::vector<TcpOwnerRow>& rows,
+                                    std::vector<uint64_t>& inodes) {
+  if (source_ != TableSource::kProcNetOnly) {
+    if (auto dump = diag_.dump(ipv6 ? AF_INET6 : AF_INET, IPPROTO_TCP, kCountedTcpStates)) {
+      for (const DiagRow& d : *dump) {
+        if (d.ipv6 != ipv6 || !CountedBySockstat(d)) continue;
+        rows.push_back({RowOf(d), 0});
+        inodes.push_back(d.inode);
+      }
+      return true;
+    }
+  }
+  if (source_ == TableSource::kNetlinkOnly) return false;
+  auto table = ReadProcNet(procRoot_, ipv6 ? "tcp6" : "tcp");
+  if (!table) return false;
+  for (const ProcNetRow& p : table->rows) {
+    if (p.ipv6 != ipv6 || !CountedBySockstat(p)) continue;
+    rows.push_back({RowOf(p), 0});
+    inodes.push_back(p.inode);
+  }
+  return true;
+}
+
+bool LinuxConnectionTables::readUdp(bool ipv6, std::vector<UdpOwnerRow>& rows,
+                                    std::vector<uint64_t>& inodes) {
+  if (source_ != TableSource::kProcNetOnly) {
+    // Every hashed UDP socket is counted, bound (CLOSE) and connected (ESTABLISHED) alike.
+    if (auto dump = diag_.dump(ipv6 ? AF_INET6 : AF_INET, IPPROTO_UDP, kAllStates)) {
+      for (const DiagRow& d : *dump) {
+        if (d.ipv6 != ipv6) continue;
+        rows.push_back(UdpRowOf(d));
+        inodes.push_back(d.inode);
+      }
+      return true;
+    }
+  }
+  if (source_ == TableSource::kNetlinkOnly) return false;
+  auto table = ReadProcNet(procRoot_, ipv6 ? "udp6" : "udp");
+  if (!table) return false;
+  for (const ProcNetRow& p : table->rows) {
+    if (p.ipv6 != ipv6) continue;
+    rows.push_back(UdpRowOf(p));
+    inodes.push_back(p.inode);
+  }
+  return true;
+}
+
+// Each family is read from its own source; a system without IPv6 has only the first.
 std::optional<std::vector<TcpOwnerRow>> LinuxConnectionTables::tcpTable() {
   std::vector<TcpOwnerRow> rows;
   std::vector<uint64_t> inodes;
-  bool read = false;
-  if (source_ != TableSource::kProcNetOnly) {
-    if (auto dump = diag_.dump(IPPROTO_TCP, kCountedTcpStates)) {
-      for (const DiagRow& d : *dump) {
-        if (!CountedBySockstat(d)) continue;
-        rows.push_back({RowOf(d.state, d.localAddr, d.localPort, d.remoteAddr, d.remotePort), 0});
-        inodes.push_back(d.inode);
-      }
-      read = true;
-    }
-  }
-  if (!read && source_ != TableSource::kNetlinkOnly) {
-    auto table = ReadProcNet(procRoot_, "tcp");
-    if (!table) return std::nullopt;
-    for (const ProcNetRow& p : table->rows) {
-      if (!CountedBySockstat(p)) continue;
-      rows.push_back({RowOf(p.state, p.localAddr, p.localPort, p.remoteAddr, p.remotePort), 0});
-      inodes.push_back(p.inode);
-    }
-    read = true;
-  }
-  if (!read) return std::nullopt;
+  if (!readTcp(false, rows, inodes)) return std::nullopt;
+  if (probe_.hasIpv6() && !readTcp(true, rows, inodes)) return std::nullopt;
   std::vector<uint32_t> pids = owners_.lookup(inodes);
   for (size_t i = 0; i < rows.size(); ++i) rows[i].dwProcessId = pids[i];
   CreditQueuedToListeners(rows, inodes);
@@ -207,27 +293,8 @@ std::optional<std::vector<TcpOwnerRow>> LinuxConnectionTables::tcpTable() {
 std::optional<std::vector<UdpOwnerRow>> LinuxConnectionTables::udpTable() {
   std::vector<UdpOwnerRow> rows;
   std::vector<uint64_t> inodes;
-  bool read = false;
-  if (source_ != TableSource::kProcNetOnly) {
-    // Every hashed UDP socket is counted, bound (CLOSE) and connected (ESTABLISHED) alike.
-    if (auto dump = diag_.dump(IPPROTO_UDP, kAllStates)) {
-      for (const DiagRow& d : *dump) {
-        rows.push_back({d.localAddr, d.localPort, 0});
-        inodes.push_back(d.inode);
-      }
-      read = true;
-    }
-  }
-  if (!read && source_ != TableSource::kNetlinkOnly) {
-    auto table = ReadProcNet(procRoot_, "udp");
-    if (!table) return std::nullopt;
-    for (const ProcNetRow& p : table->rows) {
-      rows.push_back({p.localAddr, p.localPort, 0});
-      inodes.push_back(p.inode);
-    }
-    read = true;
-  }
-  if (!read) return std::nullopt;
+  if (!readUdp(false, rows, inodes)) return std::nullopt;
+  if (probe_.hasIpv6() && !readUdp(true, rows, inodes)) return std::nullopt;
   std::vector<uint32_t> pids = owners_.lookup(inodes);
   for (size_t i = 0; i < rows.size(); ++i) rows[i].dwProcessId = pids[i];
   SortTable(rows);
@@ -236,8 +303,18 @@ std::optional<std::vector<UdpOwnerRow>> LinuxConnectionTables::udpTable() {
 }
 
 uint32_t LinuxConnectionTables::deleteTcpRow(const TcpRow& row) {
-  return static_cast<uint32_t>(
-      diag_.destroyTcp({row.dwLocalAddr, row.dwLocalPort, row.dwRemoteAddr, row.dwRemotePort}));
+  SocketTuple tuple;
+  tuple.ipv6 = row.ipv6;
+  tuple.localPort = row.dwLocalPort;
+  tuple.remotePort = row.dwRemotePort;
+  if (row.ipv6) {
+    tuple.localAddr6 = row.ucLocalAddr;
+    tuple.remoteAddr6 = row.ucRemoteAddr;
+  } else {
+    tuple.localAddr = row.dwLocalAddr;
+    tuple.remoteAddr = row.dwRemoteAddr;
+  }
+  return static_cast<uint32_t>(diag_.destroyTcp(tuple));
 }
 
 }  // namespace tessmark::platform::linux_backend

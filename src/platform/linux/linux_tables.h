@@ -1,20 +1,27 @@
 #pragma once
-// The connection tables of the IPv4 stack on Linux.
+// The connection tables of the IPv4 and the IPv6 stack on Linux.
 //
-// The probe count comes from /proc/net/sockstat, so the tables are defined as exactly what it
-// counts:
-//   TCP: IPv4 sockets in the listening and established hashes: LISTEN, SYN_SENT,
+// The probe counts come from /proc/net/sockstat and /proc/net/sockstat6, so the tables are
+// defined as exactly what they count, family by family:
+//   TCP: sockets of the family in the listening and established hashes: LISTEN, SYN_SENT,
 //        ESTABLISHED, FIN_WAIT1/2, CLOSE_WAIT, LAST_ACK, CLOSING, orphaned ones included.
 //        Not TIME_WAIT sockets (even one that reports FIN_WAIT2 as its substate), not request
-//        sockets of a half-open handshake, not bound-only or closed sockets, not IPv6 ones.
-//   UDP: bound IPv4 UDP sockets, connected or not.
-// Rows come from a netlink sock_diag dump, or from /proc/net/{tcp,udp} when netlink fails;
-// owners from the sockets' inodes in /proc/<pid>/fd. A connection not yet accept()ed has no
-// inode and is its listener's. Rows are sorted by local address, local port, remote address,
-// remote port (UDP: local address and port), each compared as a number in host order.
+//        sockets of a half-open handshake, not bound-only or closed sockets.
+//   UDP: bound UDP sockets of the family, connected or not.
+// A socket's family is the one it was made with: an AF_INET6 socket holding ::ffff:a.b.c.d (a
+// client of an IPv4 peer, or the child a dual-stack listener took in from an IPv4 client) is an
+// IPv6 row with those mapped bytes, and is deleted as one. A system without IPv6 (no
+// sockstat6) has no IPv6 rows, and nothing of IPv6 is read.
+// Rows come from a netlink sock_diag dump of each family, or from /proc/net/{tcp,udp}{,6} when
+// netlink fails; owners from the sockets' inodes in /proc/<pid>/fd. A connection not yet
+// accept()ed has no inode and is its listener's. The IPv4 rows come first, then the IPv6 rows;
+// each family is sorted by local address, local port, remote address, remote port (UDP: local
+// address and port), each compared as a number (an IPv6 address as a 128-bit one).
 
+#include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "platform/linux/proc_net_parser.h"
 #include "platform/linux/process_identities.h"
@@ -36,8 +43,8 @@ class LinuxConnectionTables final : public ConnectionTables {
                                  TableSource source = TableSource::kNetlinkThenProcNet,
                                  FdChangeSignal ownerSignal = FdChangeSignal::kDetect);
 
-  std::optional<uint32_t> tcpRowCount() override;
-  std::optional<uint32_t> udpRowCount() override;
+  std::optional<RowCounts> tcpRowCount() override;
+  std::optional<RowCounts> udpRowCount() override;
   std::optional<uint32_t> tcpOpenCount() override;
   std::optional<std::vector<TcpOwnerRow>> tcpTable() override;
   std::optional<std::vector<UdpOwnerRow>> udpTable() override;
@@ -48,6 +55,10 @@ class LinuxConnectionTables final : public ConnectionTables {
   void keepIdentities(ProcessIdentities* identities) { identities_ = identities; }
 
  private:
+  // Appends the TCP rows of one family and their inodes; false when no source could be read.
+  bool readTcp(bool ipv6, std::vector<TcpOwnerRow>& rows, std::vector<uint64_t>& inodes);
+  bool readUdp(bool ipv6, std::vector<UdpOwnerRow>& rows, std::vector<uint64_t>& inodes);
+
   std::string procRoot_;
   TableSource source_;
   SockstatProbe probe_;
@@ -55,7 +66,7 @@ class LinuxConnectionTables final : public ConnectionTables {
   SockDiag diag_;
   SocketOwners owners_;
   ProcessIdentities* identities_ = nullptr;
-  std::optional<uint32_t> keptUdpCount_;  // from the read the last TCP count came from
+  std::optional<RowCounts> keptUdpCount_;  // from the read the last TCP count came from
 };
 
 // The table's state number for the kernel's TCP_* state (ESTABLISHED 1 -> 5 ... CLOSING 11

@@ -7,6 +7,7 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
+#include <cstring>
 
 namespace tessmark::platform::linux_backend {
 
@@ -35,14 +36,30 @@ bool ParseNumber(std::string_view text, int base, T& value) {
   return ec == std::errc() && end == text.data() + text.size();
 }
 
-// "0100007F:9C40": an address as printed (already raw) and a host-order port.
-bool ParseEndpoint(std::string_view text, uint32_t& addr, uint32_t& port) {
-  if (text.size() != 13 || text[8] != ':') return false;
+// The printed port, host order, back to its raw network-order value.
+bool ParsePort(std::string_view text, uint32_t& port) {
   uint16_t hostPort = 0;
-  if (!ParseNumber(text.substr(0, 8), 16, addr) || !ParseNumber(text.substr(9), 16, hostPort))
-    return false;
+  if (text.size() != 4 || !ParseNumber(text, 16, hostPort)) return false;
   port = htons(hostPort);
   return true;
+}
+
+// "0100007F:9C40": an IPv4 address as printed (already raw) and a host-order port.
+bool ParseEndpoint(std::string_view text, uint32_t& addr, uint32_t& port) {
+  if (text.size() != 13 || text[8] != ':') return false;
+  return ParseNumber(text.substr(0, 8), 16, addr) && ParsePort(text.substr(9), port);
+}
+
+// "00000000000000000000000001000000:9C41": an IPv6 address as four printed words, each the raw
+// word as a number, so its value stored in memory gives the word's four bytes again.
+bool ParseEndpoint6(std::string_view text, std::array<uint8_t, 16>& addr, uint32_t& port) {
+  if (text.size() != 37 || text[32] != ':') return false;
+  for (size_t word = 0; word < 4; ++word) {
+    uint32_t value = 0;
+    if (!ParseNumber(text.substr(word * 8, 8), 16, value)) return false;
+    std::memcpy(addr.data() + word * 4, &value, sizeof value);
+  }
+  return ParsePort(text.substr(33), port);
 }
 
 std::optional<ProcNetRow> ParseLine(std::string_view line) {
@@ -54,8 +71,13 @@ std::optional<ProcNetRow> ParseLine(std::string_view line) {
   if (f[0].size() < 2 || f[0].back() != ':') return std::nullopt;
   uint32_t slot = 0;
   if (!ParseNumber(f[0].substr(0, f[0].size() - 1), 10, slot)) return std::nullopt;
-  if (!ParseEndpoint(f[1], row.localAddr, row.localPort)) return std::nullopt;
-  if (!ParseEndpoint(f[2], row.remoteAddr, row.remotePort)) return std::nullopt;
+  // Both ends are of the family of the local address.
+  row.ipv6 = f[1].size() == 37;
+  if (row.ipv6 ? !ParseEndpoint6(f[1], row.localAddr6, row.localPort) ||
+                     !ParseEndpoint6(f[2], row.remoteAddr6, row.remotePort)
+               : !ParseEndpoint(f[1], row.localAddr, row.localPort) ||
+                     !ParseEndpoint(f[2], row.remoteAddr, row.remotePort))
+    return std::nullopt;
   if (f[3].size() != 2 || !ParseNumber(f[3], 16, row.state)) return std::nullopt;
   // "tr:tm->when": the timer is the two digits before the colon.
   if (f[5].size() < 4 || f[5][2] != ':' || !ParseNumber(f[5].substr(0, 2), 16, row.timer))

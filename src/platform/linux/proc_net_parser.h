@@ -1,6 +1,7 @@
 #pragma once
-// Parser of the kernel's text tables /proc/net/tcp and /proc/net/udp: the readable fallback of
-// the netlink dump, and the way tests feed captured kernel text.
+// Parser of the kernel's text tables /proc/net/tcp, /proc/net/udp and their IPv6 twins
+// /proc/net/tcp6 and /proc/net/udp6: the readable fallback of the netlink dump, and the way
+// tests feed captured kernel text.
 //
 // One line per socket after a header line. A TCP line as the kernel prints it (split here):
 //
@@ -27,7 +28,17 @@
 // A TIME_WAIT socket prints its substate as the state (TIME_WAIT, or FIN_WAIT2 for a socket
 // closed in FIN_WAIT2) with timer 03. /proc/net/udp has the same fields 0 to 11; its states
 // are 07 CLOSE (bound) and 01 ESTABLISHED (connected).
+//
+// /proc/net/tcp6 and /proc/net/udp6 have the same fields; only the addresses are longer:
+//
+//   "   3: 0000000000000000FFFF00000100007F:9C40 0000000000000000FFFF00000100007F:BD08 01 ..."
+//
+// The sixteen bytes are printed as four __be32 words, each as a number the way the IPv4
+// address is, so each word's bytes come out reversed on a little-endian machine: ::1 prints
+// 00000000000000000000000001000000 and ::ffff:127.0.0.1 (an AF_INET6 socket that talks to an
+// IPv4 peer) prints 0000000000000000FFFF00000100007F. The port is host order, as above.
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -48,6 +59,11 @@ struct ProcNetRow {
   uint8_t timer = 0;
   uint64_t inode = 0;
   uint32_t refCount = 0;  // 0 when the line has no such field
+  // A line of tcp6 or udp6: its addresses are the sixteen bytes below, in network order, and
+  // localAddr and remoteAddr stay 0.
+  bool ipv6 = false;
+  std::array<uint8_t, 16> localAddr6{};
+  std::array<uint8_t, 16> remoteAddr6{};
   friend bool operator==(const ProcNetRow&, const ProcNetRow&) = default;
 };
 
@@ -56,11 +72,13 @@ struct ProcNetTable {
   size_t rejectedLines = 0;  // lines that were neither the header nor a well-formed row
 };
 
-// Parses the whole text of /proc/net/tcp or /proc/net/udp. A malformed line is counted and
-// skipped; the rest of the table still comes back.
+// Parses the whole text of /proc/net/tcp, udp, tcp6 or udp6; each line's family is told by the
+// width of its addresses, and a line whose two addresses differ in width is malformed. A
+// malformed line is counted and skipped; the rest of the table still comes back.
 ProcNetTable ParseProcNet(std::string_view text);
 
-// Reads and parses <procRoot>/net/<name>, name "tcp" or "udp". nullopt when it cannot be read.
+// Reads and parses <procRoot>/net/<name>, name "tcp", "udp", "tcp6" or "udp6". nullopt when it
+// cannot be read.
 std::optional<ProcNetTable> ReadProcNet(const std::string& procRoot, std::string_view name);
 
 }  // namespace tessmark::platform::linux_backend

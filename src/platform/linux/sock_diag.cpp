@@ -22,10 +22,18 @@ DiagRow RowFromMessage(const nlmsghdr* header) {
   DiagRow row;
   row.state = msg->idiag_state;
   row.timer = msg->idiag_timer;
-  row.localAddr = msg->id.idiag_src[0];
   row.localPort = msg->id.idiag_sport;
-  row.remoteAddr = msg->id.idiag_dst[0];
   row.remotePort = msg->id.idiag_dport;
+  // The family of the socket itself: an AF_INET6 socket fills all sixteen bytes, an AF_INET
+  // one the first four.
+  if (msg->idiag_family == AF_INET6) {
+    row.ipv6 = true;
+    std::memcpy(row.localAddr6.data(), msg->id.idiag_src, row.localAddr6.size());
+    std::memcpy(row.remoteAddr6.data(), msg->id.idiag_dst, row.remoteAddr6.size());
+  } else {
+    row.localAddr = msg->id.idiag_src[0];
+    row.remoteAddr = msg->id.idiag_dst[0];
+  }
   row.inode = msg->idiag_inode;
   row.cookie = static_cast<uint64_t>(msg->id.idiag_cookie[1]) << 32 | msg->id.idiag_cookie[0];
   // Attributes follow the message; full sockets always carry INET_DIAG_SHUTDOWN.
@@ -39,16 +47,31 @@ DiagRow RowFromMessage(const nlmsghdr* header) {
 
 inet_diag_req_v2 TcpRequest(const SocketTuple& tuple, const uint32_t cookie[2]) {
   inet_diag_req_v2 req{};
-  req.sdiag_family = AF_INET;
+  req.sdiag_family = tuple.ipv6 ? AF_INET6 : AF_INET;
   req.sdiag_protocol = IPPROTO_TCP;
   req.idiag_states = kAllStates;
-  req.id.idiag_src[0] = tuple.localAddr;
+  if (tuple.ipv6) {
+    std::memcpy(req.id.idiag_src, tuple.localAddr6.data(), tuple.localAddr6.size());
+    std::memcpy(req.id.idiag_dst, tuple.remoteAddr6.data(), tuple.remoteAddr6.size());
+  } else {
+    req.id.idiag_src[0] = tuple.localAddr;
+    req.id.idiag_dst[0] = tuple.remoteAddr;
+  }
   req.id.idiag_sport = static_cast<uint16_t>(tuple.localPort);
-  req.id.idiag_dst[0] = tuple.remoteAddr;
   req.id.idiag_dport = static_cast<uint16_t>(tuple.remotePort);
   req.id.idiag_cookie[0] = cookie[0];
   req.id.idiag_cookie[1] = cookie[1];
   return req;
+}
+
+// The socket found is the one of the tuple: same family, same addresses, same ports.
+bool SameTuple(const DiagRow& found, const SocketTuple& tuple) {
+  if (found.ipv6 != tuple.ipv6 || found.localPort != tuple.localPort ||
+      found.remotePort != tuple.remotePort)
+    return false;
+  if (tuple.ipv6)
+    return found.localAddr6 == tuple.localAddr6 && found.remoteAddr6 == tuple.remoteAddr6;
+  return found.localAddr == tuple.localAddr && found.remoteAddr == tuple.remoteAddr;
 }
 
 }  // namespace
@@ -91,10 +114,11 @@ bool SockDiag::send(uint16_t type, uint16_t flags, const void* payload, uint32_t
   return sent == static_cast<ssize_t>(message.header.nlmsg_len);
 }
 
-std::optional<std::vector<DiagRow>> SockDiag::dump(uint8_t protocol, uint32_t stateMask) {
+std::optional<std::vector<DiagRow>> SockDiag::dump(uint8_t family, uint8_t protocol,
+                                                   uint32_t stateMask) {
   if (!ensureOpen()) return std::nullopt;
   inet_diag_req_v2 req{};
-  req.sdiag_family = AF_INET;
+  req.sdiag_family = family;
   req.sdiag_protocol = protocol;
   req.idiag_states = stateMask;
   if (!send(SOCK_DIAG_BY_FAMILY, NLM_F_REQUEST | NLM_F_DUMP, &req, sizeof req)) return std::nullopt;
@@ -154,10 +178,8 @@ int SockDiag::destroyTcp(const SocketTuple& tuple) {
   if (!found) return error != 0 ? error : ENOENT;
 
   // 2. Only the socket with exactly this tuple may go, not the listener the look-up fell
-  // back to.
-  if (found->localAddr != tuple.localAddr || found->localPort != tuple.localPort ||
-      found->remoteAddr != tuple.remoteAddr || found->remotePort != tuple.remotePort)
-    return ENOENT;
+  // back to, nor a socket of the other family that the look-up found by the same addresses.
+  if (!SameTuple(*found, tuple)) return ENOENT;
 
   // A listening socket is not a connection: destroying it would close the service for good,
   // long after the firewall has gone, and for a daemon of another user as well. Deleting a

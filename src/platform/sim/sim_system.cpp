@@ -1,5 +1,7 @@
 #include "platform/sim/sim_system.h"
 
+#include <arpa/inet.h>
+
 #include <algorithm>
 #include <array>
 #include <cstdlib>
@@ -43,14 +45,35 @@ uint32_t RawPort(uint16_t port) {
   return raw;
 }
 
+Ipv6Address RawIpv6Address(const std::string& text) {
+  Ipv6Address raw{};
+  inet_pton(AF_INET6, text.c_str(), raw.data());
+  return raw;
+}
+
+namespace {
+bool IsIpv6Text(const std::string& address) {
+  return address.find(':') != std::string::npos;
+}
+}  // namespace
+
 TcpOwnerRow MakeTcpRow(uint32_t state, const std::string& localAddress, uint16_t localPort,
                        const std::string& remoteAddress, uint16_t remotePort, uint32_t pid) {
-  return {{state, RawAddress(localAddress), RawPort(localPort), RawAddress(remoteAddress),
-           RawPort(remotePort)},
-          pid};
+  TcpOwnerRow row{{state, 0, RawPort(localPort), 0, RawPort(remotePort)}, pid};
+  if (IsIpv6Text(localAddress)) {
+    row.row.ipv6 = true;
+    row.row.ucLocalAddr = RawIpv6Address(localAddress);
+    row.row.ucRemoteAddr = RawIpv6Address(remoteAddress);
+  } else {
+    row.row.dwLocalAddr = RawAddress(localAddress);
+    row.row.dwRemoteAddr = RawAddress(remoteAddress);
+  }
+  return row;
 }
 
 UdpOwnerRow MakeUdpRow(const std::string& localAddress, uint16_t localPort, uint32_t pid) {
+  if (IsIpv6Text(localAddress))
+    return {0, RawPort(localPort), pid, true, RawIpv6Address(localAddress)};
   return {RawAddress(localAddress), RawPort(localPort), pid};
 }
 
@@ -117,22 +140,26 @@ int32_t SimSystem::suspensionDepth(int32_t pid) const {
   return depth;
 }
 
-std::optional<uint32_t> SimSystem::tcpRowCount() {
+std::optional<RowCounts> SimSystem::tcpRowCount() {
   ++calls.tcpProbes;
-  return static_cast<uint32_t>(tcpRows.size());
+  RowCounts counts;
+  for (const TcpOwnerRow& r : tcpRows) ++(r.row.ipv6 ? counts.ipv6 : counts.ipv4);
+  return counts;
 }
 
-std::optional<uint32_t> SimSystem::udpRowCount() {
+std::optional<RowCounts> SimSystem::udpRowCount() {
   ++calls.udpProbes;
-  return static_cast<uint32_t>(udpRows.size());
+  RowCounts counts;
+  for (const UdpOwnerRow& r : udpRows) ++(r.ipv6 ? counts.ipv6 : counts.ipv4);
+  return counts;
 }
 
 std::optional<uint32_t> SimSystem::tcpOpenCount() {
   ++calls.tcpOpenProbes;
   // One connection: its addresses, ports and owner. A state change is no new connection.
   auto key = [](const TcpOwnerRow& r) {
-    return std::tuple(r.row.dwLocalAddr, r.row.dwLocalPort, r.row.dwRemoteAddr, r.row.dwRemotePort,
-                      r.dwProcessId);
+    return std::tuple(r.row.ipv6, r.row.dwLocalAddr, r.row.ucLocalAddr, r.row.dwLocalPort,
+                      r.row.dwRemoteAddr, r.row.ucRemoteAddr, r.row.dwRemotePort, r.dwProcessId);
   };
   auto before = [&](const TcpOwnerRow& a, const TcpOwnerRow& b) { return key(a) < key(b); };
   std::vector<TcpOwnerRow> now = tcpRows;

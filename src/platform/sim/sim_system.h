@@ -16,9 +16,12 @@
 namespace tessmark::platform::sim {
 
 // Raw table fields from readable values, the way the system lays them out.
-uint32_t RawAddress(const std::string& dotted);  // "10.0.0.1" -> bytes 10 0 0 1 in memory
-uint32_t RawPort(uint16_t port);                 // the two bytes in network order, low 16 bits
+uint32_t RawAddress(const std::string& dotted);       // "10.0.0.1" -> bytes 10 0 0 1 in memory
+uint32_t RawPort(uint16_t port);                      // the two bytes in network order, low 16 bits
+Ipv6Address RawIpv6Address(const std::string& text);  // "::1" -> its sixteen bytes
 
+// A row of the IPv6 table when the local address is written as IPv6 ("::1", "::ffff:10.0.0.1"),
+// else of the IPv4 table.
 TcpOwnerRow MakeTcpRow(uint32_t state, const std::string& localAddress, uint16_t localPort,
                        const std::string& remoteAddress, uint16_t remotePort, uint32_t pid);
 UdpOwnerRow MakeUdpRow(const std::string& localAddress, uint16_t localPort, uint32_t pid);
@@ -131,8 +134,8 @@ class SimSystem final : public Platform,
   Adapters& adapters() override { return *this; }
 
   // ---- ConnectionTables
-  std::optional<uint32_t> tcpRowCount() override;
-  std::optional<uint32_t> udpRowCount() override;
+  std::optional<RowCounts> tcpRowCount() override;
+  std::optional<RowCounts> udpRowCount() override;
   std::optional<uint32_t> tcpOpenCount() override;
   std::optional<std::vector<TcpOwnerRow>> tcpTable() override;
   std::optional<std::vector<UdpOwnerRow>> udpTable() override;
