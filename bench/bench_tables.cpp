@@ -1,7 +1,8 @@
 // The Linux connection tables, measured inside a private network namespace so the tables hold
 // only the sockets made here:
 //   - the quiet poll (tcpRowCount + udpRowCount + tcpOpenCount) with 10, 1,000 and 10,000 TCP
-//     sockets;
+//     sockets, IPv4 only, and again with half of them IPv4 and half IPv6 (on ::1), where each
+//     count reads sockstat and sockstat6;
 //   - the full TCP table with owners, 1,000 sockets and about 300 extra processes, read by a
 //     fresh object (cold owner cache) and read again by one object (warm cache), with each way
 //     of noticing changed processes: the fd folder's size (kernels from 6.2) and the count of
@@ -9,10 +10,12 @@
 //   - the same table read right after this old process swapped one connection for a new one,
 //     with its count of open files the same or changed;
 //   - for comparison, the same table read from /proc/net/tcp;
+//   - the full TCP table, warm cache, with 500 IPv4 and 500 IPv6 sockets: two dumps;
 //   - the monitor's whole snapshot (GetTCPConnections: the table, the process table rebuild
 //     and one record per row) on a fresh machine object and again on the same one.
 // Goals: quiet poll <= 15 us at every size; warm full table <= 5 ms with either signal.
 
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <signal.h>
@@ -22,6 +25,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -44,10 +48,14 @@ using tessmark::platform::linux_backend::TableSource;
 
 constexpr int kExtraProcesses = 300;
 constexpr uint16_t kFirstPort = 45000;
+constexpr uint16_t kFirstPort6 = 52000;
 
-// TCP sockets of this process: listeners and connected pairs to them, grown on demand.
+// TCP sockets of this process on the loopback address of one family: listeners and connected
+// pairs to them, grown or cut to a size on demand. Sockets are cut with a reset, so no
+// TIME_WAIT piles up.
 class SocketPool {
  public:
+  SocketPool(int family, uint16_t firstPort) : family_(family), nextPort_(firstPort) {}
   ~SocketPool() {
     for (int fd : fds_) ::close(fd);
     for (int fd : swapped_)
@@ -55,16 +63,10 @@ class SocketPool {
     if (extra_ >= 0) ::close(extra_);
   }
 
-  // Grows to exactly n TCP sockets; false when the system refuses one.
-  bool growTo(size_t n) {
-    while (fds_.size() < n) {
-      if (listener_ < 0 || n - fds_.size() == 1) {
-        if (!addListener()) return false;
-      } else if (!addPair()) {
-        return false;
-      }
-    }
-    return true;
+  // Exactly n TCP sockets; false when the system refuses one.
+  bool resize(size_t n) {
+    while (fds_.size() > n) dropUnit();
+    return growTo(n);
   }
 
   // Replaces one extra connected pair by a new one: this process, long known, now holds two
@@ -80,9 +82,7 @@ class SocketPool {
       }
     }
     if (swapped_[0] >= 0) {
-      linger reset{1, 0};
-      ::setsockopt(swapped_[0], SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
-      ::close(swapped_[0]);
+      Reset(swapped_[0]);
       ::close(swapped_[1]);
       swapped_[0] = swapped_[1] = -1;
     }
@@ -90,24 +90,74 @@ class SocketPool {
   }
 
  private:
-  static sockaddr_in Loopback(uint16_t port) {
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(port);
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  static void Reset(int fd) {
+    linger reset{1, 0};
+    ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+    ::close(fd);
+  }
+
+  sockaddr_storage loopback(uint16_t port, socklen_t& length) const {
+    sockaddr_storage addr{};
+    if (family_ == AF_INET6) {
+      auto* in6 = reinterpret_cast<sockaddr_in6*>(&addr);
+      in6->sin6_family = AF_INET6;
+      in6->sin6_port = htons(port);
+      in6->sin6_addr = in6addr_loopback;
+      length = sizeof *in6;
+    } else {
+      auto* in = reinterpret_cast<sockaddr_in*>(&addr);
+      in->sin_family = AF_INET;
+      in->sin_port = htons(port);
+      in->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+      length = sizeof *in;
+    }
     return addr;
   }
 
+  bool growTo(size_t n) {
+    while (fds_.size() < n) {
+      if (listener_ < 0 || n - fds_.size() == 1) {
+        if (!addListener()) return false;
+      } else if (!addPair()) {
+        return false;
+      }
+    }
+    return true;
+  }
+
+  // The last listener or pair goes; a pair is reset from the client's end.
+  void dropUnit() {
+    if (units_.back() == 2) {
+      Reset(fds_[fds_.size() - 2]);
+      ::close(fds_.back());
+      fds_.resize(fds_.size() - 2);
+    } else {
+      if (fds_.back() == listener_) listener_ = -1;
+      ::close(fds_.back());
+      fds_.pop_back();
+    }
+    units_.pop_back();
+  }
+
+  // On the next port that is free: a client may have been given one as its own.
   bool addListener() {
-    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    int fd = ::socket(family_, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0) return false;
-    sockaddr_in addr = Loopback(nextPort_);
-    if (::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
-        ::listen(fd, 4096) != 0) {
+    for (int tries = 0;; ++tries, ++nextPort_) {
+      socklen_t length = 0;
+      sockaddr_storage addr = loopback(nextPort_, length);
+      if (::bind(fd, reinterpret_cast<sockaddr*>(&addr), length) == 0) break;
+      if (errno != EADDRINUSE || tries == 100) {
+        ::close(fd);
+        return false;
+      }
+    }
+    if (::listen(fd, 4096) != 0) {
       ::close(fd);
       return false;
     }
     fds_.push_back(fd);
+    units_.push_back(1);
     listener_ = fd;
     listenerPort_ = nextPort_++;
     return true;
@@ -118,14 +168,16 @@ class SocketPool {
     if (!connectPair(client, server)) return false;
     fds_.push_back(client);
     fds_.push_back(server);
+    units_.push_back(2);
     return true;
   }
 
   bool connectPair(int& client, int& server) {
-    client = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    client = ::socket(family_, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (client < 0) return false;
-    sockaddr_in addr = Loopback(listenerPort_);
-    if (::connect(client, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+    socklen_t length = 0;
+    sockaddr_storage addr = loopback(listenerPort_, length);
+    if (::connect(client, reinterpret_cast<sockaddr*>(&addr), length) != 0) {
       ::close(client);
       return false;
     }
@@ -137,19 +189,23 @@ class SocketPool {
     return true;
   }
 
+  int family_;
   int swapped_[2] = {-1, -1};
   int extra_ = -1;
   std::vector<int> fds_;
+  std::vector<uint8_t> units_;  // 1 a listener, 2 a pair, in the order of fds_
   int listener_ = -1;
   uint16_t listenerPort_ = 0;
-  uint16_t nextPort_ = kFirstPort;
+  uint16_t nextPort_;
 };
 
-SocketPool* g_pool = nullptr;
+SocketPool* g_pool = nullptr;   // IPv4
+SocketPool* g_pool6 = nullptr;  // IPv6, on ::1
 
-bool Prepare(benchmark::State& state, size_t sockets) {
-  if (!g_pool->growTo(sockets)) {
-    state.SkipWithError("could not open the sockets (file limit?)");
+// Exactly `sockets` IPv4 and `sockets6` IPv6 TCP sockets of this process.
+bool Prepare(benchmark::State& state, size_t sockets, size_t sockets6 = 0) {
+  if (!g_pool->resize(sockets) || !g_pool6->resize(sockets6)) {
+    state.SkipWithError("could not open the sockets (file limit? no IPv6?)");
     return false;
   }
   return true;
@@ -163,11 +219,31 @@ void BM_QuietPoll(benchmark::State& state) {
     auto tcp = tables.tcpRowCount();
     auto udp = tables.udpRowCount();
     auto opens = tables.tcpOpenCount();
-    rows = tcp.value_or(0) + udp.value_or(0);
+    rows = (tcp ? tcp->total() : 0) + (udp ? udp->total() : 0);
     benchmark::DoNotOptimize(rows);
     benchmark::DoNotOptimize(opens);
   }
   state.counters["rows"] = rows;
+}
+
+// Half the sockets IPv4, half IPv6: each count reads both sockstat files.
+void BM_QuietPollBothFamilies(benchmark::State& state) {
+  const auto half = static_cast<size_t>(state.range(0)) / 2;
+  if (!Prepare(state, half, half)) return;
+  LinuxConnectionTables tables;
+  tessmark::platform::RowCounts tcp, udp;
+  for (auto _ : state) {
+    auto tcpCount = tables.tcpRowCount();
+    auto udpCount = tables.udpRowCount();
+    auto opens = tables.tcpOpenCount();
+    tcp = tcpCount.value_or(tessmark::platform::RowCounts{});
+    udp = udpCount.value_or(tessmark::platform::RowCounts{});
+    benchmark::DoNotOptimize(tcp);
+    benchmark::DoNotOptimize(udp);
+    benchmark::DoNotOptimize(opens);
+  }
+  state.counters["rows4"] = tcp.ipv4 + udp.ipv4;
+  state.counters["rows6"] = tcp.ipv6 + udp.ipv6;
 }
 
 // The way owners notice changed processes: the kernel's (detected) or the counted fallback.
@@ -223,6 +299,19 @@ void BM_FullTableAfterNewSocket(benchmark::State& state) {
   state.counters["rows"] = static_cast<double>(rows);
 }
 
+void BM_FullTableWarmCacheBothFamilies(benchmark::State& state) {
+  const auto half = static_cast<size_t>(state.range(0)) / 2;
+  if (!Prepare(state, half, half)) return;
+  LinuxConnectionTables tables;
+  auto first = tables.tcpTable();
+  size_t rows = first ? first->size() : 0;
+  for (auto _ : state) {
+    auto table = tables.tcpTable();
+    benchmark::DoNotOptimize(table);
+  }
+  state.counters["rows"] = static_cast<double>(rows);
+}
+
 void BM_FullTableFromProcNetWarmCache(benchmark::State& state) {
   if (!Prepare(state, static_cast<size_t>(state.range(0)))) return;
   LinuxConnectionTables tables("/proc", TableSource::kProcNetOnly);
@@ -265,8 +354,11 @@ void BM_MonitorSnapshotRepeated(benchmark::State& state) {
   state.counters["rows"] = static_cast<double>(rows);
 }
 
-// In order of growing socket count: the pool only grows.
-BENCHMARK(BM_QuietPoll)->Arg(10)->Arg(1000);
+// Each size of the quiet poll with IPv4 only, then with both families.
+BENCHMARK(BM_QuietPoll)->Arg(10);
+BENCHMARK(BM_QuietPollBothFamilies)->Arg(10);
+BENCHMARK(BM_QuietPoll)->Arg(1000);
+BENCHMARK(BM_QuietPollBothFamilies)->Arg(1000);
 // Second argument: 0 the detected signal, 1 the counted fallback forced.
 BENCHMARK(BM_FullTableColdCache)
     ->ArgNames({"sockets", "counted"})
@@ -289,7 +381,9 @@ BENCHMARK(BM_FullTableAfterNewSocket)
 BENCHMARK(BM_FullTableFromProcNetWarmCache)->Arg(1000)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_MonitorSnapshotFirstRead)->Arg(1000)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_MonitorSnapshotRepeated)->Arg(1000)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_FullTableWarmCacheBothFamilies)->Arg(1000)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_QuietPoll)->Arg(10000);
+BENCHMARK(BM_QuietPollBothFamilies)->Arg(10000);
 
 }  // namespace
 
@@ -312,8 +406,9 @@ int main(int argc, char** argv) {
   Sleepers sleepers(kExtraProcesses);
   int status = 0;
   {
-    SocketPool pool;
+    SocketPool pool(AF_INET, kFirstPort), pool6(AF_INET6, kFirstPort6);
     g_pool = &pool;
+    g_pool6 = &pool6;
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
       status = 1;
@@ -323,6 +418,7 @@ int main(int argc, char** argv) {
     }
     benchmark::Shutdown();
     g_pool = nullptr;
+    g_pool6 = nullptr;
   }
   return status;
 }

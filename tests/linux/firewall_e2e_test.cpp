@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
@@ -28,6 +29,7 @@
 
 #include <gtest/gtest.h>
 
+#include "base/booleans.h"
 #include "linux/loopback.h"
 #include "linux/netns.h"
 #include "linux/peer_child.h"
@@ -215,6 +217,8 @@ class FirewallEndToEnd : public ::testing::Test {
     }
   }
 
+  void refusalRoad(Family family, int port);
+
   TemporaryHome home_;
   platform::linux_backend::LinuxPlatform system_;
   Ui ui_;
@@ -251,16 +255,21 @@ TEST_F(FirewallEndToEnd, ANewProgramStandsFrozenFromItsFirstConnectionUntilYes) 
   EXPECT_EQ(ui_.shown().size(), 1u);
 }
 
-TEST_F(FirewallEndToEnd, NoBreaksTheHeldConnectionAndTheRememberedRefusalBreaksAndLogsTheNext) {
-  REQUIRE_CONNECTION_BREAKING();
+// A new program answered "No" with Remember: the held connection broken, the rule "deny"
+// written, and the program's next connection broken and logged without a question. The same
+// road whichever family the program speaks: the rules judge programs, not addresses.
+void FirewallEndToEnd::refusalRoad(Family family, int port) {
   PeerChild client("client_peer", {});
   ASSERT_EQ(client.error(), "");
-  Fd listener = ListenOn(24301);
+  Fd listener = ListenOn(port, family);
   ASSERT_TRUE(listener.valid()) << std::strerror(errno);
   engine_->start();
 
-  ASSERT_TRUE(client.send("connect 24301\n"));
-  ASSERT_EQ(ui_.shown(1).size(), 1u);
+  const std::string connect = family == Family::kIpv6 ? "connect6 " : "connect ";
+  const std::string loopback = family == Family::kIpv6 ? "::1" : "127.0.0.1";
+  const std::string server = std::to_string(port), next = std::to_string(port + 1);
+  ASSERT_TRUE(client.send(connect + server + "\n"));
+  EXPECT_EQ(ui_.shown(1), Shown{"alert 1 New program " + client_ + " " + loopback + ":" + server});
   ASSERT_TRUE(client.waitUntilHeld(true, 10s)) << "state " << client.state();
   Fd held = AcceptOne(listener);
   ASSERT_TRUE(held.valid());
@@ -272,21 +281,26 @@ TEST_F(FirewallEndToEnd, NoBreaksTheHeldConnectionAndTheRememberedRefusalBreaksA
   EXPECT_EQ(logRecords(), Shown{}) << "an answered refusal is the user's: nothing is logged";
 
   // The rule breaks the next connection without a question, and the program runs on.
-  ASSERT_TRUE(client.send("connect 24301 24302\n"));
+  ASSERT_TRUE(client.send(connect + server + " " + next + "\n"));
   Shown records = logRecords(1);
   ASSERT_EQ(records.size(), 1u);
   // A table read can catch the connection in its handshake: no far end is made then.
   auto logged = [&](const std::string& state) {
-    return "|" + client_ + "|" + std::to_string(client.pid()) +
-           "|T|127.0.0.1|127.0.0.1|24302|24301|" + state + "|n";
+    return "|" + client_ + "|" + std::to_string(client.pid()) + "|T|" + loopback + "|" + loopback +
+           "|" + next + "|" + server + "|" + state + "|n";
   };
   EXPECT_TRUE(Untimed(records[0]) == logged("ESTAB") || Untimed(records[0]) == logged("SYN_SENT"))
       << records[0];
-  if (Fd next = AcceptOne(listener, 1s); next.valid()) {
-    EXPECT_EQ(ReadSome(next), std::strerror(ECONNRESET));
+  if (Fd again = AcceptOne(listener, 1s); again.valid()) {
+    EXPECT_EQ(ReadSome(again), std::strerror(ECONNRESET));
   }
   EXPECT_FALSE(client.held());
   EXPECT_EQ(ui_.shown().size(), 1u);
+}
+
+TEST_F(FirewallEndToEnd, NoBreaksTheHeldConnectionAndTheRememberedRefusalBreaksAndLogsTheNext) {
+  REQUIRE_CONNECTION_BREAKING();
+  refusalRoad(Family::kIpv4, 24301);
 }
 
 TEST_F(FirewallEndToEnd, AProgramListedAsDestructiveIsKilledAtItsFirstConnection) {
@@ -312,6 +326,89 @@ TEST_F(FirewallEndToEnd, AProgramListedAsDestructiveIsKilledAtItsFirstConnection
   EXPECT_EQ(shown[0].rfind("virus " + client_ + " ", 0), 0u) << shown[0];
   EXPECT_NE(shown[0].find("Description: Test.Destructive"), std::string::npos) << shown[0];
   EXPECT_EQ(ruleFor(client_), CrcText(client_) + " deny");
+}
+
+#define REQUIRE_IPV6_LOOPBACK()                               \
+  if (const char* why = NoIpv6Loopback(); *why != '\0') {     \
+    GTEST_SKIP() << "no IPv6 loopback to test with: " << why; \
+  }
+
+TEST_F(FirewallEndToEnd, OverIpv6ANewProgramIsFrozenAndAskedAndItsRefusalBreaksAndLogs) {
+  REQUIRE_IPV6_LOOPBACK();
+  REQUIRE_CONNECTION_BREAKING();
+  refusalRoad(Family::kIpv6, 24601);
+}
+
+TEST_F(FirewallEndToEnd, AListenerOnAllAddressesIsAskedAboutItsIpv4ClientByItsIpv4Address) {
+  REQUIRE_IPV6_LOOPBACK();
+  PeerChild server("client_peer", {});
+  ASSERT_EQ(server.error(), "");
+  engine_->start();
+  // Its listener alone makes it known: asked, and let go without a remembered answer.
+  ASSERT_TRUE(server.send("listen6 24701\n"));
+  ASSERT_EQ(ui_.shown(1), Shown{"alert 1 New program " + client_ + " :::0"});
+  ASSERT_TRUE(server.waitUntilHeld(true, 10s)) << "state " << server.state();
+  answer(1, /*yes=*/true);
+  ASSERT_TRUE(server.waitUntilHeld(false, 10s)) << "state " << server.state();
+  onEngine([this] {  // "Yes" without Remember: it is asked again at its next connection
+    engine_->monitor.ListView1.Item(engine_->monitor.ListView1.FindPath(client_)).SubItems[2] =
+        AccessAsk;
+    return 0;
+  });
+
+  // An IPv4 client: the server's end is an IPv6 socket holding ::ffff:127.0.0.1.
+  Fd client = ConnectTo(24701, 24702);
+  ASSERT_TRUE(client.valid()) << std::strerror(errno);
+  Shown shown = ui_.shown(2);
+  ASSERT_EQ(shown.size(), 2u);
+  // The slot is whichever the first alert left free; the question is what matters.
+  const size_t question = shown[1].find(" Repeat");
+  ASSERT_NE(question, std::string::npos) << shown[1];
+  EXPECT_EQ(shown[1].substr(question), " Repeat program " + client_ + " 127.0.0.1:24702");
+  const auto slot = static_cast<int16_t>(std::stoi(shown[1].substr(std::string("alert ").size())));
+  EXPECT_TRUE(server.waitUntilHeld(true, 10s)) << "state " << server.state();
+  // The connection list shows it the same way.
+  Shown listed = onEngine([this] {
+    engine_->monitor.NewtcpCon(kTrue, kTrue);
+    Shown rows;
+    for (const ConnectionListRow& row : engine_->monitor.ConnectionList)
+      if (row.Text == client_)
+        rows.push_back(row.SubItems[1] + " " + row.SubItems[2] + " " + row.SubItems[3] + " " +
+                       row.SubItems[4]);
+    std::sort(rows.begin(), rows.end());
+    return rows;
+  });
+  EXPECT_EQ(listed, (Shown{"127.0.0.1 127.0.0.1 24701 24702", ":: :: 24701 0"}));
+  answer(slot, /*yes=*/true);
+  EXPECT_TRUE(server.waitUntilHeld(false, 10s)) << "state " << server.state();
+}
+
+TEST_F(FirewallEndToEnd, TheInternetLockBreaksIpv6ConnectionsAndThoseOfIpv4ClientsOnIpv6Sockets) {
+  REQUIRE_IPV6_LOOPBACK();
+  REQUIRE_CONNECTION_BREAKING();
+  Fd v6Listener = ListenOn(24801, Family::kIpv6);
+  Fd dualListener = ListenOn(24802, Family::kDualStack);
+  Fd v6Client = ConnectTo(24801, 0, Family::kIpv6);
+  Fd v4Client = ConnectTo(24802);
+  Fd v6Served = AcceptOne(v6Listener);
+  Fd mappedServed = AcceptOne(dualListener);
+  ASSERT_TRUE(v6Client.valid() && v4Client.valid() && v6Served.valid() && mappedServed.valid())
+      << std::strerror(errno);
+  engine_->start();
+  // The lock as the window sets it: every row broken at once, no rule asked.
+  onEngine([this] {
+    engine_->main.InternetLocked = kTrue;
+    engine_->main.GetTCPConnections(kTrue, kTrue);
+    engine_->monitor.NewtcpCon(kFalse, kFalse);
+    return 0;
+  });
+  // Each connection lost both its ends; whichever end a read meets first, it ends in error.
+  for (const Fd* end : {&v6Client, &v6Served, &v4Client, &mappedServed}) {
+    std::string read = ReadSome(*end);
+    EXPECT_TRUE(read == std::strerror(ECONNRESET) || read == std::strerror(ECONNABORTED)) << read;
+  }
+  // Breaking one end takes its loopback peer with it, so each connection leaves one record.
+  EXPECT_GE(logRecords(2).size(), 2u);
 }
 
 // The service is the test itself: allowed to talk, but not on a port the user closed.

@@ -6,6 +6,9 @@
 //   connect PORT [LOCALPORT]  -> "connected ID LOCALPORT T" (broken during the handshake:
 //                                "aborted ID T" or "reset ID T")
 //   listen PORT               -> "listening ID" (its connections are never taken)
+//   connect6 PORT [LOCALPORT], listen6 PORT
+//                             -> the same over ::1; listen6 listens on [::] and so takes IPv4
+//                                clients too
 //   write ID TEXT             -> "wrote ID"
 // Reports on a connection, whenever they happen: "data ID TEXT", "eof ID", "aborted ID T"
 // (ECONNABORTED: the socket was destroyed under the program), "reset ID T" (ECONNRESET),
@@ -63,14 +66,14 @@ void Failed(size_t id, int error) {
   g_sockets[id].watched = false;
 }
 
-void Connect(uint16_t port, uint16_t localPort) {
+void Connect(uint16_t port, uint16_t localPort, Family family) {
   // The id is taken at once, so that ids follow the commands whatever becomes of them.
-  g_sockets.push_back({TcpSocket()});
+  g_sockets.push_back({TcpSocket(family)});
   const size_t id = g_sockets.size() - 1;
   const Fd& fd = g_sockets[id].fd;
-  if (!fd.valid() || (localPort != 0 && !BindLoopback(fd, localPort)))
+  if (!fd.valid() || (localPort != 0 && !BindLoopback(fd, localPort, family)))
     return Say("failed connect " + std::to_string(errno));
-  if (!tessmark::testing::Connect(fd, port)) {
+  if (!tessmark::testing::Connect(fd, port, family)) {
     if (errno == ECONNABORTED || errno == ECONNRESET) return Failed(id, errno);
     return Say("failed connect " + std::to_string(errno));
   }
@@ -84,13 +87,18 @@ void Run(const std::string& command) {
   std::string verb;
   long first = -1, second = 0;
   in >> verb >> first;
+  const bool six = verb.ends_with("6");
+  if (six) verb.pop_back();
   if (verb == "connect" && first > 0 && first < 65536 &&
       (!(in >> second) || (second >= 0 && second < 65536))) {
-    Connect(static_cast<uint16_t>(first), static_cast<uint16_t>(second));
+    Connect(static_cast<uint16_t>(first), static_cast<uint16_t>(second),
+            six ? Family::kIpv6 : Family::kIpv4);
   } else if (verb == "listen" && first > 0 && first < 65536) {
-    g_sockets.push_back({TcpSocket()});
+    const Family family = six ? Family::kDualStack : Family::kIpv4;
+    g_sockets.push_back({TcpSocket(family)});
     const Fd& fd = g_sockets.back().fd;
-    if (!BindLoopback(fd, static_cast<uint16_t>(first)) || ::listen(fd.get(), SOMAXCONN) != 0)
+    if (!BindLoopback(fd, static_cast<uint16_t>(first), family) ||
+        ::listen(fd.get(), SOMAXCONN) != 0)
       return Say("failed listen " + std::to_string(errno));
     Say("listening " + std::to_string(g_sockets.size() - 1));
   } else if (verb == "write" && first >= 0 && static_cast<size_t>(first) < g_sockets.size()) {
