@@ -15,12 +15,15 @@
 
 #include <gtest/gtest.h>
 
+#include "linux/ipv6_rows.h"
 #include "platform/linux/linux_tables.h"
 
 namespace tessmark::platform::linux_backend {
 namespace {
 
 namespace fs = std::filesystem;
+using testing::Tcp6Row;
+using testing::V6;
 
 const char kTcpHeader[] =
     "  sl  local_address rem_address   st tx_queue rx_queue tr tm->when retrnsmt   uid  timeout "
@@ -115,13 +118,6 @@ const char kSockstatOfTheSameMoment[] =
 const char kSockstat6Text[] =
     "TCP6: inuse 9\nUDP6: inuse 3\nUDPLITE6: inuse 0\nRAW6: inuse 0\nFRAG6: inuse 0 memory 0\n";
 
-// The sixteen bytes of an address as inet_pton makes them.
-std::array<uint8_t, 16> V6(const char* text) {
-  std::array<uint8_t, 16> bytes{};
-  EXPECT_EQ(inet_pton(AF_INET6, text, bytes.data()), 1) << text;
-  return bytes;
-}
-
 ProcNetRow Row6(const char* local, int localPort, const char* remote, int remotePort, uint8_t state,
                 uint8_t timer, uint64_t inode, uint32_t refCount) {
   ProcNetRow row;
@@ -134,17 +130,6 @@ ProcNetRow Row6(const char* local, int localPort, const char* remote, int remote
   row.timer = timer;
   row.inode = inode;
   row.refCount = refCount;
-  return row;
-}
-
-TcpRow Tcp6(uint32_t state, const char* local, int localPort, const char* remote, int remotePort) {
-  TcpRow row;
-  row.dwState = state;
-  row.ipv6 = true;
-  row.ucLocalAddr = V6(local);
-  row.dwLocalPort = htons(static_cast<uint16_t>(localPort));
-  row.ucRemoteAddr = V6(remote);
-  row.dwRemotePort = htons(static_cast<uint16_t>(remotePort));
   return row;
 }
 
@@ -307,15 +292,15 @@ TEST(ProcNetText, ATreeWithBothFamiliesGivesEachFamilyTheRowsItsCountCounts) {
   ASSERT_TRUE(tcp.has_value());
   const std::vector<TcpRow> expected = {
       {5, kLoopback, htons(48382), kLoopback, htons(40000)},
-      Tcp6(2, "::", 40000, "::", 0),
-      Tcp6(2, "::1", 40001, "::", 0),
-      Tcp6(2, "::1", 40002, "::", 0),
-      Tcp6(8, "::1", 40002, "::1", 58206),
-      Tcp6(7, "::1", 58206, "::1", 40002),
-      Tcp6(5, "::1", 58932, "::1", 40001),
-      Tcp6(5, "::ffff:127.0.0.1", 40000, "::ffff:127.0.0.1", 48382),
-      Tcp6(5, "::ffff:127.0.0.1", 40000, "::ffff:127.0.0.1", 48392),
-      Tcp6(5, "::ffff:127.0.0.1", 48392, "::ffff:127.0.0.1", 40000)};
+      Tcp6Row(2, "::", 40000, "::", 0),
+      Tcp6Row(2, "::1", 40001, "::", 0),
+      Tcp6Row(2, "::1", 40002, "::", 0),
+      Tcp6Row(8, "::1", 40002, "::1", 58206),
+      Tcp6Row(7, "::1", 58206, "::1", 40002),
+      Tcp6Row(5, "::1", 58932, "::1", 40001),
+      Tcp6Row(5, "::ffff:127.0.0.1", 40000, "::ffff:127.0.0.1", 48382),
+      Tcp6Row(5, "::ffff:127.0.0.1", 40000, "::ffff:127.0.0.1", 48392),
+      Tcp6Row(5, "::ffff:127.0.0.1", 48392, "::ffff:127.0.0.1", 40000)};
   std::vector<TcpRow> rows;
   std::vector<uint32_t> owners;
   for (const TcpOwnerRow& r : *tcp) rows.push_back(r.row), owners.push_back(r.dwProcessId);

@@ -33,6 +33,7 @@
 
 #include <gtest/gtest.h>
 
+#include "linux/ipv6_rows.h"
 #include "linux/loopback.h"
 #include "linux/netns.h"
 #include "platform/linux/linux_tables.h"
@@ -41,6 +42,8 @@ namespace tessmark::platform::linux_backend {
 namespace {
 
 using testing::Fd;
+using testing::Tcp6Row;
+using testing::V6;
 using Tcp = std::vector<TcpOwnerRow>;
 using Udp = std::vector<UdpOwnerRow>;
 
@@ -72,13 +75,6 @@ At Lo(int port) {
 }
 At Lo6(int port) {
   return At("::1", port);
-}
-
-// The sixteen bytes of an IPv6 address as inet_pton gives them.
-Ipv6Address V6(const std::string& text) {
-  Ipv6Address bytes{};
-  EXPECT_EQ(::inet_pton(AF_INET6, text.c_str(), bytes.data()), 1) << text;
-  return bytes;
 }
 
 // Why this kernel cannot run the IPv6 half of a test; empty when it can.
@@ -256,7 +252,7 @@ TcpRow Mapped(const TcpRow& ipv4) {
     char text[INET_ADDRSTRLEN] = {};
     in_addr in{addr};
     ::inet_ntop(AF_INET, &in, text, sizeof text);
-    return V6(std::string("::ffff:") + text);
+    return V6((std::string("::ffff:") + text).c_str());
   };
   TcpRow row{ipv4.dwState, 0, ipv4.dwLocalPort, 0, ipv4.dwRemotePort, true};
   row.ucLocalAddr = mapped(ipv4.dwLocalAddr);
@@ -510,16 +506,6 @@ TEST(LinuxTables, RowsComeSortedByFamilyThenAddressesAndPortsAsNumbers) {
     GTEST_SKIP() << "the IPv4 rows hold; the IPv6 ones were not tried: " << noIpv6;
 }
 
-TcpRow Row6(uint32_t state, const char* local, int localPort, const char* remote, int remotePort) {
-  TcpRow row{state};
-  row.ipv6 = true;
-  row.ucLocalAddr = V6(local);
-  row.dwLocalPort = htons(static_cast<uint16_t>(localPort));
-  row.ucRemoteAddr = V6(remote);
-  row.dwRemotePort = htons(static_cast<uint16_t>(remotePort));
-  return row;
-}
-
 // The socket was aborted under its program (ECONNABORTED), or by its peer's reset.
 void ExpectBroken(const Fd& fd, const char* what) {
   char byte;
@@ -594,9 +580,9 @@ TEST(LinuxTables, ConnectionsOpenedAsListenersCloseMoveTheOpensAndDeletingTheirR
 
   // IPv6: a gone connection and the listener's own row are refused; the connection's row
   // aborts it, once.
-  EXPECT_NE(tables.deleteTcpRow(Row6(5, "::1", 41300, "::1", 1)), 0u);
-  EXPECT_NE(tables.deleteTcpRow(Row6(2, "::1", 41300, "::", 0)), 0u);
-  const TcpRow row6 = Row6(5, "::1", testing::LocalPortOf(client6), "::1", 41300);
+  EXPECT_NE(tables.deleteTcpRow(Tcp6Row(5, "::1", 41300, "::1", 1)), 0u);
+  EXPECT_NE(tables.deleteTcpRow(Tcp6Row(2, "::1", 41300, "::", 0)), 0u);
+  const TcpRow row6 = Tcp6Row(5, "::1", testing::LocalPortOf(client6), "::1", 41300);
   ASSERT_EQ(tables.deleteTcpRow(row6), 0u);
   ExpectBroken(client6, "the IPv6 client");
   EXPECT_EQ(::recv(server6.get(), &byte, 1, 0), -1);
@@ -613,7 +599,8 @@ TEST(LinuxTables, ConnectionsOpenedAsListenersCloseMoveTheOpensAndDeletingTheirR
   EXPECT_NE(tables.deleteTcpRow({5, lo, htons(41310), lo, clientPort}), 0u);
   ASSERT_EQ(::send(client4.get(), "x", 1, MSG_NOSIGNAL), 1);
   EXPECT_EQ(::recv(mappedEnd.get(), &byte, 1, 0), 1) << "the connection lives on";
-  const TcpRow mapped = Row6(5, "::ffff:127.0.0.1", 41310, "::ffff:127.0.0.1", ntohs(clientPort));
+  const TcpRow mapped =
+      Tcp6Row(5, "::ffff:127.0.0.1", 41310, "::ffff:127.0.0.1", ntohs(clientPort));
   EXPECT_TRUE(Has(Listed(tables.tcpTable()), Text({mapped, static_cast<uint32_t>(::getpid())})));
   ASSERT_EQ(tables.deleteTcpRow(mapped), 0u);
   ExpectBroken(mappedEnd, "the v4-mapped end");
@@ -802,17 +789,17 @@ TEST_P(BothFamiliesAtScale, EachFamilysCountIsItsRowsFromBothSourcesEachWithItsO
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   ASSERT_TRUE(tcp.has_value());
   EXPECT_EQ(ourTcp(Listed(tcp)), tcpExpected);
-  const RowCounts tcpListed = CountFamilies(*tcp);
-  EXPECT_EQ(tcpListed,
-            (RowCounts{tcpBefore->ipv4 + tcpAdded.ipv4, tcpBefore->ipv6 + tcpAdded.ipv6}));
-  EXPECT_EQ(tables.tcpRowCount(), tcpListed);
   auto udp = netlink.udpTable();
   ASSERT_TRUE(udp.has_value());
   EXPECT_EQ(ourUdp(Listed(udp)), udpExpected);
-  const RowCounts udpListed = CountFamilies(*udp);
-  EXPECT_EQ(udpListed,
-            (RowCounts{udpBefore->ipv4 + udpAdded.ipv4, udpBefore->ipv6 + udpAdded.ipv6}));
-  EXPECT_EQ(tables.udpRowCount(), udpListed);
+  // Each family's rows are those there before and those made, and the probe counts them.
+  auto expectCounts = [](RowCounts listed, RowCounts before, RowCounts added,
+                         std::optional<RowCounts> probed) {
+    EXPECT_EQ(listed, (RowCounts{before.ipv4 + added.ipv4, before.ipv6 + added.ipv6}));
+    EXPECT_EQ(probed, listed);
+  };
+  expectCounts(CountFamilies(*tcp), *tcpBefore, tcpAdded, tables.tcpRowCount());
+  expectCounts(CountFamilies(*udp), *udpBefore, udpAdded, tables.udpRowCount());
   EXPECT_TRUE(std::is_sorted(tcp->begin(), tcp->end(), [](const auto& a, const auto& b) {
     return NumericallyBefore(a.row, b.row);
   }));
